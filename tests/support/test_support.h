@@ -1,0 +1,51 @@
+// Helpers shared by the test suite: temporary folders, standard-error
+// capture, and bounded waits.
+#ifndef ORV_TESTS_SUPPORT_TEST_SUPPORT_H
+#define ORV_TESTS_SUPPORT_TEST_SUPPORT_H
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+namespace orv_test {
+
+// A fresh folder under $TMPDIR (or /tmp), removed with its content.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  const std::string& path() const { return path_; }
+  // path() + "/" + name
+  std::string file(const std::string& name) const;
+
+ private:
+  std::string path_;
+};
+
+// Redirects file descriptor 2 into a temporary file until text() or the
+// destructor.
+class StderrCapture {
+ public:
+  StderrCapture();
+  ~StderrCapture();
+  // Stops capturing (first call) and returns everything written meanwhile.
+  std::string text();
+
+ private:
+  void restore();
+  int saved_fd_;
+  std::string file_;
+  std::string captured_;
+  bool done_;
+};
+
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& content);
+
+// Polls predicate until it is true or timeout passes; returns its last value.
+bool wait_until(const std::function<bool()>& predicate,
+                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+}  // namespace orv_test
+
+#endif  // ORV_TESTS_SUPPORT_TEST_SUPPORT_H
