@@ -10,9 +10,15 @@
 #include "core/utility/Threads/Synchronization/AppLock.h"
 #include "core/utility/Threads/Synchronization/AppMutex.h"
 #include "core/utility/Threads/Synchronization/AppSemaphore.h"
+#include "core/utility/PCMQueue.h"
+#include "core/utility/md5.h"
+#include "core/utility/orv_PlatformPathDefinitions.h"
+#include "core/utility/orv_UUIDFactory.h"
+#include "core/utility/orv_UUIDFactoryImplLinux.h"
 #include "core/utility/orv_assert.h"
 #include "core/utility/orv_clock.h"
 #include "core/utility/orv_log.h"
 #include "core/utility/orv_time_record.h"
+#include "core/utility/orv_utility.h"
 
 #endif  // ORV_ORV_H
