@@ -298,10 +298,10 @@ TEST(BoyerMoore, TablesAndBadArguments) {
 
   int delta1[256];
   orv::make_delta1(delta1, pattern, 7);
-  EXPECT_EQ(delta1['z'], 7);
-  EXPECT_EQ(delta1['l'], 1);
-  EXPECT_EQ(delta1['e'], 6);  // last occurrence before the final byte
-  EXPECT_EQ(delta1['x'], 5);
+  EXPECT_EQ(delta1[static_cast<unsigned char>('z')], 7);
+  EXPECT_EQ(delta1[static_cast<unsigned char>('l')], 1);
+  EXPECT_EQ(delta1[static_cast<unsigned char>('e')], 6);  // last occurrence before the final byte
+  EXPECT_EQ(delta1[static_cast<unsigned char>('x')], 5);
 
   const unsigned char* abcab = bytes("abcab");
   EXPECT_TRUE(orv::is_prefix(abcab, 5, 3));
