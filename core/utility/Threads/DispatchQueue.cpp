@@ -175,6 +175,8 @@ int DispatchQueue::cancel_sync() {
     return count;
   }
   _state_condition->unlockWithCondition(kStopping);
+  // Release the dropped tasks now, not after the wait.
+  dropped.clear();
   _state_condition->lockWhenCondition(kStopped);
   _state_condition->Unlock();
   return count;

@@ -303,6 +303,8 @@ void ThreadPool::cancel_sync() {
     return;
   }
   _pool_mutex->unlockWithCondition(POOL_STOPPING);
+  // Release the dropped tasks now, not after the wait.
+  dropped.clear();
   _pool_mutex->lockWhenCondition(POOL_STOPPED);
   _pool_mutex->Unlock();
 }
