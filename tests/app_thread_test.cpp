@@ -45,7 +45,6 @@ class ProbeThread : public AppThread {
   }
   void threadMain() override {
     probe_->start.wait();
-    probe_->tid = orv_test::current_tid();
     probe_->is_current = isCurrentThread();
     probe_->identifier = getCurrentThreadIdentifier();
     probe_->expected_identifier = std::to_string(static_cast<unsigned long>(pthread_self()));
@@ -56,6 +55,7 @@ class ProbeThread : public AppThread {
       probe_->stack_size = size;
       pthread_attr_destroy(&attr);
     }
+    probe_->tid = orv_test::current_tid();  // last: the test waits on it
     probe_->finish.wait();
   }
 

@@ -59,7 +59,7 @@ struct Overlap {
 // each producer's tasks in its order.
 TEST(DispatchQueueTest, SerialQueueKeepsOrderUnderContention) {
   orv_shared_ptr<DispatchQueue> queue = DispatchQueue::alloc(1);
-  const int kProducers = 4, kPerProducer = 1000;
+  const int kProducers = 4, kPerProducer = 500;
   std::vector<int> last(kProducers, -1);
   std::vector<std::atomic<int>> runs(kProducers * kPerProducer);
   std::atomic<bool> out_of_order{false};
@@ -96,7 +96,7 @@ TEST(DispatchQueueTest, ConcurrencyBoundUnderContention) {
   std::vector<std::thread> producers;
   for (int p = 0; p < 3; ++p) {
     producers.emplace_back([&] {
-      for (int i = 0; i < 700; ++i) {
+      for (int i = 0; i < 300; ++i) {
         queue->runTaskAsync(closure([&] {
           overlap.enter();
           std::this_thread::yield();
@@ -108,7 +108,7 @@ TEST(DispatchQueueTest, ConcurrencyBoundUnderContention) {
   }
   for (auto& t : producers) t.join();
   queue->stopQueue_sync();
-  EXPECT_EQ(done, 2100);
+  EXPECT_EQ(done, 900);
   EXPECT_LE(overlap.max, 3);
   EXPECT_GE(overlap.max, 1);
 }

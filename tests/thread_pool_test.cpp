@@ -1,6 +1,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -243,12 +244,18 @@ TEST(ThreadPoolTest, PendingTasksWaitForTheNextFreeThread) {
     gate.wait();
   }), nullptr);
   ASSERT_TRUE(wait_until([&] { return busy_tid != 0; }));
+  std::mutex mutex;
   std::vector<int> order;
   std::vector<long> tids;
+  auto ran = [&] {
+    std::lock_guard<std::mutex> lock(mutex);
+    return order.size();
+  };
   {
     NoNewThreads no_threads;
     for (int i = 0; i < 3; ++i) {
       ASSERT_TRUE(pool->runTaskAsync(closure([&, i] {
+        std::lock_guard<std::mutex> lock(mutex);
         order.push_back(i);
         tids.push_back(orv_test::current_tid());
       }), "orv-never"));
@@ -257,7 +264,7 @@ TEST(ThreadPoolTest, PendingTasksWaitForTheNextFreeThread) {
   EXPECT_EQ(locked(pool.getPTR(), [&] { return pool->_pending.size(); }), 3u);
   EXPECT_EQ(thread_count(pool.getPTR()), 1);
   gate.open();
-  ASSERT_TRUE(wait_until([&] { return order.size() == 3 && all_idle(pool.getPTR()); }));
+  ASSERT_TRUE(wait_until([&] { return ran() == 3 && all_idle(pool.getPTR()); }));
   EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
   EXPECT_EQ(tids, (std::vector<long>{busy_tid, busy_tid, busy_tid}));
   pool->stop_sync();

@@ -55,7 +55,7 @@ struct Tracked {
     --live();
     ++destroyed();
   }
-  int value;
+  std::atomic<int> value;
 };
 
 inline long current_tid() { return static_cast<long>(syscall(SYS_gettid)); }
