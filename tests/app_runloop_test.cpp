@@ -74,7 +74,7 @@ TEST(AppRunloopTest, PriorityOrderAndFifoWithinPriority) {
 // time, and each producer's tasks in the order it queued them.
 TEST(AppRunloopTest, ManyProducersExactlyOnceInProducerOrder) {
   const int kProducers = 4;
-  const int kPerProducer = 500;
+  const int kPerProducer = 250;
   orv_shared_ptr<AppRunloop> loop = AppRunloop::alloc(0, "orv-busy");
   ASSERT_TRUE(loop);
   std::vector<std::atomic<int>> runs(kProducers * kPerProducer);

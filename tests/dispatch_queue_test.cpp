@@ -59,7 +59,7 @@ struct Overlap {
 // each producer's tasks in its order.
 TEST(DispatchQueueTest, SerialQueueKeepsOrderUnderContention) {
   orv_shared_ptr<DispatchQueue> queue = DispatchQueue::alloc(1);
-  const int kProducers = 4, kPerProducer = 500;
+  const int kProducers = 4, kPerProducer = 250;
   std::vector<int> last(kProducers, -1);
   std::vector<std::atomic<int>> runs(kProducers * kPerProducer);
   std::atomic<bool> out_of_order{false};
