@@ -2,7 +2,12 @@
 #ifndef ORV_ORV_H
 #define ORV_ORV_H
 
+#include "core/Module_Loader/Dynamic_Lib__nix/orv_Dynamic_Module_Loader.h"
+#include "core/orv_Context.h"
+#include "core/orv_EventManager.h"
+#include "core/orv_SDK_common_key_definitions.h"
 #include "core/orv_api.h"
+#include "core/orv_param.h"
 #include "core/utility/Memory/orv_shared_ptr_base.h"
 #include "core/utility/Memory/orv_shared_ptr_control_object.h"
 #include "core/utility/Memory/singleton.h"
