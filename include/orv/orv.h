@@ -10,6 +10,8 @@
 #include "core/utility/Threads/Synchronization/AppLock.h"
 #include "core/utility/Threads/Synchronization/AppMutex.h"
 #include "core/utility/Threads/Synchronization/AppSemaphore.h"
+#include "core/utility/Threads/orv_Timer.h"
+#include "core/utility/Threads/orv_Timer_refresh.h"
 #include "core/utility/orv_assert.h"
 #include "core/utility/orv_clock.h"
 #include "core/utility/orv_log.h"
