@@ -10,6 +10,7 @@
 #include "core/utility/Threads/Synchronization/AppLock.h"
 #include "core/utility/Threads/Synchronization/AppMutex.h"
 #include "core/utility/Threads/Synchronization/AppSemaphore.h"
+#include "core/utility/Networking/Address_resolver_getaddrinfo/orv_AddressResolver_getaddrinfo.h"
 #include "core/utility/Threads/orv_Timer.h"
 #include "core/utility/Threads/orv_Timer_refresh.h"
 #include "core/utility/orv_assert.h"
