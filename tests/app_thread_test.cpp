@@ -1,0 +1,248 @@
+#include <pthread.h>
+
+#include <atomic>
+#include <string>
+
+#include "gtest/gtest.h"
+#include "orv/orv.h"
+#include "support/test_support.h"
+#include "support/thread_test_support.h"
+
+namespace {
+
+using orv::Memory::orv_shared_ptr;
+using orv::Memory::orv_shared_ptr_base;
+using orv::Memory::orv_weak_ptr;
+using orv::Threads::AppThread;
+using orv_test::Gate;
+using orv_test::StderrCapture;
+using orv_test::Tracked;
+using orv_test::wait_until;
+
+orv_shared_ptr<AppThread> make_thread(AppThread* raw) {
+  orv_shared_ptr<AppThread> thread(raw);
+  thread->_self_weak = thread;
+  return thread;
+}
+
+// What a thread saw of itself.
+struct Probe {
+  Gate start;
+  Gate finish;
+  std::atomic<long> tid{0};
+  std::atomic<bool> is_current{false};
+  std::atomic<size_t> stack_size{0};
+  std::string identifier;
+  std::string expected_identifier;
+  AppThread* thread = nullptr;
+};
+
+class ProbeThread : public AppThread {
+ public:
+  ProbeThread(Probe* probe, std::atomic<long>* destroyed_on) : probe_(probe), destroyed_on_(destroyed_on) {}
+  ~ProbeThread() override {
+    if (destroyed_on_ != nullptr) *destroyed_on_ = orv_test::current_tid();
+  }
+  void threadMain() override {
+    probe_->start.wait();
+    probe_->is_current = isCurrentThread();
+    probe_->identifier = getCurrentThreadIdentifier();
+    probe_->expected_identifier = std::to_string(static_cast<unsigned long>(pthread_self()));
+    pthread_attr_t attr;
+    if (pthread_getattr_np(pthread_self(), &attr) == 0) {
+      size_t size = 0;
+      pthread_attr_getstacksize(&attr, &size);
+      probe_->stack_size = size;
+      pthread_attr_destroy(&attr);
+    }
+    probe_->tid = orv_test::current_tid();  // last: the test waits on it
+    probe_->finish.wait();
+  }
+
+ private:
+  Probe* probe_;
+  std::atomic<long>* destroyed_on_;
+};
+
+TEST(AppThreadTest, RunOnceJoinDetachAndName) {
+  Probe probe;
+  orv_shared_ptr<AppThread> thread = make_thread(new ProbeThread(&probe, nullptr));
+  EXPECT_TRUE(thread->detach());  // never started: nothing to do
+  EXPECT_FALSE(thread->_detached);
+  EXPECT_FALSE(thread->_started);
+
+  ASSERT_TRUE(thread->run("orv-probe"));
+  EXPECT_FALSE(thread->run("again"));
+  EXPECT_TRUE(thread->_started);
+  EXPECT_TRUE(thread->_joinable);
+  probe.start.open();
+  ASSERT_TRUE(wait_until([&] { return probe.tid != 0; }));
+  EXPECT_EQ(orv_test::thread_name(probe.tid), "orv-probe");
+  EXPECT_TRUE(probe.is_current);
+  EXPECT_FALSE(thread->isCurrentThread());
+  EXPECT_EQ(probe.identifier, probe.expected_identifier);
+  EXPECT_EQ(orv_test::count_threads_named("again"), 0);
+  probe.finish.open();
+
+  orv::set_log_level(orv::LOG_TRACE);
+  StderrCapture first;
+  thread->join();
+  std::string joined = first.text();
+  EXPECT_NE(joined.find("[AppThread.cpp:256]pthread_join + id="), std::string::npos) << joined;
+  EXPECT_NE(joined.find("[AppThread.cpp:258]pthread_join -\n"), std::string::npos) << joined;
+  EXPECT_FALSE(thread->_joinable);
+
+  // Joined: neither a second join nor detach touch the stale handle.
+  StderrCapture second;
+  thread->join();
+  EXPECT_TRUE(thread->detach());
+  EXPECT_EQ(second.text(), "");
+  EXPECT_FALSE(thread->_detached);
+  orv::set_log_level(0);
+}
+
+TEST(AppThreadTest, JoinAfterDetachReturnsAtOnce) {
+  Probe probe;
+  orv_shared_ptr<AppThread> thread = make_thread(new ProbeThread(&probe, nullptr));
+  ASSERT_TRUE(thread->run(nullptr));
+  EXPECT_TRUE(thread->detach());
+  EXPECT_TRUE(thread->_detached);
+  EXPECT_TRUE(thread->detach());
+  orv::set_log_level(orv::LOG_TRACE);
+  StderrCapture capture;
+  thread->join();
+  EXPECT_EQ(capture.text(), "");
+  orv::set_log_level(0);
+  orv_weak_ptr<AppThread> weak(thread);
+  thread.releaseManagedPointer();
+  probe.start.open();
+  probe.finish.open();
+  // probe lives in this frame: wait for the thread to be gone.
+  EXPECT_TRUE(wait_until([&] { return !orv_shared_ptr<AppThread>(weak); }));
+}
+
+// The creator drops its pointer right after run(): the object must survive
+// until threadMain returns, and then die on its own thread.
+TEST(AppThreadTest, ThreadKeepsItselfAliveAndDiesOnItsThread) {
+  Probe probe;
+  std::atomic<long> destroyed_on{0};
+  orv_weak_ptr<AppThread> weak;
+  {
+    orv_shared_ptr<AppThread> thread = make_thread(new ProbeThread(&probe, &destroyed_on));
+    weak = thread;
+    ASSERT_TRUE(thread->run("orv-keepalive"));
+  }
+  // The thread may not even have started yet: the object is still there.
+  EXPECT_TRUE(static_cast<bool>(orv_shared_ptr<AppThread>(weak)));
+  EXPECT_EQ(destroyed_on, 0);
+  probe.start.open();
+  ASSERT_TRUE(wait_until([&] { return probe.tid != 0; }));
+  EXPECT_EQ(destroyed_on, 0);
+  probe.finish.open();
+  ASSERT_TRUE(wait_until([&] { return destroyed_on != 0; }));
+  EXPECT_EQ(destroyed_on, probe.tid);
+  EXPECT_FALSE(static_cast<bool>(orv_shared_ptr<AppThread>(weak)));
+  // Detached by its destructor: the kernel thread goes away by itself.
+  EXPECT_TRUE(wait_until([&] { return !orv_test::thread_alive(probe.tid); }));
+}
+
+void entry_reads_param(orv_shared_ptr_base* param) {
+  orv_shared_ptr<Tracked> tracked(*param);
+  tracked->value += 1;
+}
+
+TEST(AppThreadTest, EntryGetsItsParameterWhichIsDeletedAfterwards) {
+  orv_shared_ptr<Tracked> object(new Tracked(41));
+  orv_shared_ptr<AppThread> thread = make_thread(new AppThread());
+  thread->_entry = &entry_reads_param;
+  thread->_entry_param = object.getRefPtr();
+  EXPECT_EQ(orv_test::strong_count(object), 2);
+  ASSERT_TRUE(thread->run("orv-entry"));
+  thread->join();
+  EXPECT_EQ(object->value, 42);
+  EXPECT_EQ(thread->_entry_param, nullptr);
+  EXPECT_EQ(orv_test::strong_count(object), 1);
+
+  // A never-run thread deletes its parameter in the destructor.
+  orv_shared_ptr<AppThread> idle = make_thread(new AppThread());
+  idle->_entry_param = object.getRefPtr();
+  EXPECT_EQ(orv_test::strong_count(object), 2);
+  idle.releaseManagedPointer();
+  EXPECT_EQ(orv_test::strong_count(object), 1);
+
+  AppThread::sleep(0);
+}
+
+// Runs a thread under the given process default stack size and returns the
+// size the thread actually got, and the log text of run().
+size_t stack_of_thread_with_default(size_t default_size, std::string* log) {
+  pthread_attr_t saved;
+  EXPECT_EQ(pthread_getattr_default_np(&saved), 0);
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  EXPECT_EQ(pthread_attr_setstacksize(&attr, default_size), 0);
+  EXPECT_EQ(pthread_setattr_default_np(&attr), 0);
+  pthread_attr_destroy(&attr);
+
+  Probe probe;
+  probe.start.open();
+  probe.finish.open();
+  orv_shared_ptr<AppThread> thread = make_thread(new ProbeThread(&probe, nullptr));
+  orv::set_log_level(orv::LOG_TRACE);
+  StderrCapture capture;
+  EXPECT_TRUE(thread->run("orv-stack"));
+  *log = capture.text();
+  orv::set_log_level(0);
+  thread->join();
+
+  EXPECT_EQ(pthread_setattr_default_np(&saved), 0);
+  pthread_attr_destroy(&saved);
+  return probe.stack_size;
+}
+
+TEST(AppThreadTest, SmallDefaultStackIsRaisedToOneMebibyte) {
+  std::string log;
+  EXPECT_EQ(stack_of_thread_with_default(512 * 1024, &log), 1048576u);
+  EXPECT_NE(log.find("[AppThread.cpp:84]Default thread stack size: 524288\n"), std::string::npos)
+      << log;
+  EXPECT_NE(log.find("[WARN]-["), std::string::npos) << log;
+  EXPECT_NE(log.find("[AppThread.cpp:86]Default thread stack is too small, trying to increase "
+                     "size\n"),
+            std::string::npos)
+      << log;
+}
+
+TEST(AppThreadTest, LargeDefaultStackIsKept) {
+  std::string log;
+  EXPECT_EQ(stack_of_thread_with_default(8 * 1024 * 1024, &log), 8u * 1024 * 1024);
+  EXPECT_NE(log.find("Default thread stack size: 8388608\n"), std::string::npos) << log;
+  EXPECT_EQ(log.find("too small"), std::string::npos) << log;
+}
+
+TEST(AppThreadTest, FailedCreationReportsFalseAndAllowsRetry) {
+  pthread_attr_t saved;
+  ASSERT_EQ(pthread_getattr_default_np(&saved), 0);
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  // More stack than the address space can give: pthread_create fails.
+  ASSERT_EQ(pthread_attr_setstacksize(&attr, static_cast<size_t>(1) << 46), 0);
+  ASSERT_EQ(pthread_setattr_default_np(&attr), 0);
+  pthread_attr_destroy(&attr);
+
+  Probe probe;
+  probe.start.open();
+  probe.finish.open();
+  orv_shared_ptr<AppThread> thread = make_thread(new ProbeThread(&probe, nullptr));
+  bool started = thread->run("orv-huge");
+  ASSERT_EQ(pthread_setattr_default_np(&saved), 0);
+  pthread_attr_destroy(&saved);
+  ASSERT_FALSE(started);
+  EXPECT_FALSE(thread->_started);
+  EXPECT_EQ(orv_test::strong_count(thread), 1);  // the self reference was dropped
+
+  ASSERT_TRUE(thread->run("orv-retry"));
+  thread->join();
+  EXPECT_NE(probe.tid, 0);
+}
+
+}  // namespace
