@@ -1,10 +1,6 @@
-// _reap_timer is an orv_shared_ptr<Timer> on a Timer that is only declared
-// here; no timer is ever stored in it, so the delete that the pointer template
-// instantiates for it is never reached.
-#pragma GCC diagnostic ignored "-Wdelete-incomplete"
-
 #include "core/utility/Threads/ThreadPool.h"
 
+#include "core/utility/Threads/orv_Timer.h"
 #include "core/utility/orv_clock.h"
 #include "core/utility/orv_log.h"
 
@@ -178,6 +174,7 @@ void ThreadPool::threadBecameIdle(NodePtr* node_ptr) {
   node->_idle_since = get_current_time();
 
   // No timer is ever started in _reap_timer; the slot stays empty.
+  if (_reap_timer.getPTR() != nullptr) _reap_timer->cancel();
   _reap_timer.releaseManagedPointer();
 
   if (_busy_head != nullptr) {
@@ -199,7 +196,11 @@ void ThreadPool::threadBecameIdle(NodePtr* node_ptr) {
     _pool_mutex->Lock();
     // Only an empty pointer is ever stored: surplus threads are reaped the
     // next time the pool falls completely idle.
-    _reap_timer.releaseManagedPointer();
+    if (_pool_mutex->_condition == POOL_RUNNING) {
+      _reap_timer = timer;
+    } else if (timer.getPTR() != nullptr) {
+      timer->cancel();
+    }
   }
   _pool_mutex->Unlock();
 }
