@@ -2,6 +2,11 @@
 # Installs the Debian packages that building, testing and benchmarking orv
 # need. Quick when everything is there: apt-get update runs only when a
 # package is missing. Run as root (or with sudo).
+#   scripts/install-deps.sh          the native build
+#   scripts/install-deps.sh armhf    also the 32-bit ARM cross toolchain and
+#                                    qemu user-mode emulation (host packages;
+#                                    the armhf libraries go into a sysroot,
+#                                    see scripts/setup-armhf.sh)
 set -euo pipefail
 
 packages=(
@@ -9,6 +14,9 @@ packages=(
   libcurl4-openssl-dev libssl-dev uuid-dev libcjson-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
+if [ "${1:-}" = armhf ]; then
+  packages+=(crossbuild-essential-armhf qemu-user-static)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -4,14 +4,21 @@
 #   scripts/test.sh asan       AddressSanitizer + UndefinedBehaviorSanitizer
 #   scripts/test.sh tsan       ThreadSanitizer
 #   scripts/test.sh clang      built with clang++
-# Installs missing Debian packages first.
+#   scripts/test.sh armhf      cross-built for 32-bit ARM hard-float, tests
+#                              run under qemu user-mode emulation
+# Installs missing Debian packages first (for armhf: the cross toolchain,
+# qemu and the armhf sysroot, through scripts/setup-armhf.sh).
 set -euo pipefail
 
 preset=${1:-default}
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 
-scripts/install-deps.sh
+if [ "$preset" = armhf ]; then
+  scripts/setup-armhf.sh
+else
+  scripts/install-deps.sh
+fi
 jobs=$(nproc)
 cmake --preset "$preset"
 cmake --build --preset "$preset" -j "$jobs"

@@ -40,6 +40,11 @@ set(toolchain_arg)
 if(ORV_TOOLCHAIN)
   set(toolchain_arg -DCMAKE_TOOLCHAIN_FILE=${ORV_TOOLCHAIN})
 endif()
+set(sysroot_flag)
+if(ORV_SYSROOT)
+  list(APPEND toolchain_arg -DORV_ARMHF_SYSROOT=${ORV_SYSROOT})
+  set(sysroot_flag --sysroot=${ORV_SYSROOT})
+endif()
 run(${CMAKE_COMMAND} -S ${ORV_CONSUMER_SOURCE} -B ${ORV_WORK_DIR}/cmake-consumer
   -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${ORV_CXX}
   "-DCMAKE_CXX_FLAGS=${ORV_CXX_FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${ORV_LINK_FLAGS}"
@@ -54,13 +59,20 @@ endif()
 find_program(PKG_CONFIG pkg-config REQUIRED)
 set(ENV{PKG_CONFIG_PATH} ${pc_dir})
 if(ORV_TOOLCHAIN)
-  set(ENV{PKG_CONFIG_LIBDIR} ${pc_dir})
+  # Cross build: the install tree and the sysroot's own .pc files only (the
+  # install tree lies outside the sysroot, so no PKG_CONFIG_SYSROOT_DIR).
+  set(pc_libdir ${pc_dir})
+  if(ORV_SYSROOT)
+    string(APPEND pc_libdir ":${ORV_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig")
+  endif()
+  set(ENV{PKG_CONFIG_LIBDIR} ${pc_libdir})
+  unset(ENV{PKG_CONFIG_SYSROOT_DIR})
 endif()
 run(${PKG_CONFIG} --cflags --libs orv)
 string(STRIP "${last_output}" pc_flags)
 separate_arguments(pc_flags UNIX_COMMAND "${pc_flags}")
 separate_arguments(extra_flags UNIX_COMMAND "${ORV_CXX_FLAGS} ${ORV_LINK_FLAGS}")
-run(${ORV_CXX} -std=c++17 ${extra_flags} ${ORV_CONSUMER_SOURCE}/main.cpp ${pc_flags}
+run(${ORV_CXX} -std=c++17 ${sysroot_flag} ${extra_flags} ${ORV_CONSUMER_SOURCE}/main.cpp ${pc_flags}
   -Wl,-rpath,${lib_dir} -o ${ORV_WORK_DIR}/pc_consumer)
 run(${emulator} ${ORV_WORK_DIR}/pc_consumer)
 if(NOT last_output MATCHES "orv consumer ok")

@@ -77,4 +77,9 @@ bool wait_until(const std::function<bool()>& predicate, std::chrono::millisecond
   return true;
 }
 
+bool under_user_emulation() {
+  const char* value = getenv("ORV_TEST_EMULATION");
+  return value != nullptr && value[0] != '\0';
+}
+
 }  // namespace orv_test

@@ -46,6 +46,13 @@ void write_file(const std::string& path, const std::string& content);
 bool wait_until(const std::function<bool()>& predicate,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+// True when the test programs run under qemu user-mode emulation (the armhf
+// test preset sets ORV_TEST_EMULATION). There a test program cannot exec an
+// ARM program, itself included, because the host has no binfmt handler for
+// them: such tests adapt (death tests fork without re-executing) or skip with
+// GTEST_SKIP() naming the reason.
+bool under_user_emulation();
+
 }  // namespace orv_test
 
 #endif  // ORV_TESTS_SUPPORT_TEST_SUPPORT_H
