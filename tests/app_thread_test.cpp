@@ -225,7 +225,7 @@ TEST(AppThreadTest, FailedCreationReportsFalseAndAllowsRetry) {
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   // More stack than the address space can give: pthread_create fails.
-  ASSERT_EQ(pthread_attr_setstacksize(&attr, static_cast<size_t>(1) << 46), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attr, orv_test::unallocatable_stack_size()), 0);
   ASSERT_EQ(pthread_setattr_default_np(&attr), 0);
   pthread_attr_destroy(&attr);
 

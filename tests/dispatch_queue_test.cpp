@@ -280,7 +280,9 @@ TEST(DispatchQueueTest, TasksKeepTheQueueAlive) {
 }
 
 TEST(DispatchQueueDeathTest, CountBelowOneAborts) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // No thread runs yet, so forking alone is safe where re-executing the test
+  // program is impossible (user-mode emulation).
+  GTEST_FLAG_SET(death_test_style, orv_test::under_user_emulation() ? "fast" : "threadsafe");
   EXPECT_DEATH(DispatchQueue::alloc(0),
                "core/utility/Threads/DispatchQueue\\.cpp:23: .*Assertion `concurrentThreadCount > "
                "0' failed\\.");

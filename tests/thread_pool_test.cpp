@@ -220,7 +220,7 @@ class NoNewThreads {
     pthread_getattr_default_np(&saved_);
     pthread_attr_t attr;
     pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, static_cast<size_t>(1) << 46);
+    pthread_attr_setstacksize(&attr, orv_test::unallocatable_stack_size());
     pthread_setattr_default_np(&attr);
     pthread_attr_destroy(&attr);
   }

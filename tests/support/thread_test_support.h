@@ -58,6 +58,12 @@ struct Tracked {
   std::atomic<int> value;
 };
 
+// A stack size no address space can give, on 32 and 64 bits alike: a thread
+// created with it fails to start.
+inline size_t unallocatable_stack_size() {
+  return ~static_cast<size_t>(0) & ~static_cast<size_t>(0x0FFFFFFF);
+}
+
 inline long current_tid() { return static_cast<long>(syscall(SYS_gettid)); }
 
 // Name of thread tid of this process ("" when it has gone).
