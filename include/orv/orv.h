@@ -3,6 +3,7 @@
 #define ORV_ORV_H
 
 #include "core/Module_Loader/Dynamic_Lib__nix/orv_Dynamic_Module_Loader.h"
+#include "core/orv_Accesstoken/ORVAccessToken.h"
 #include "core/orv_Context.h"
 #include "core/orv_EventManager.h"
 #include "core/orv_SDK_common_key_definitions.h"

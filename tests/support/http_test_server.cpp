@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -164,6 +165,24 @@ int HttpTestServer::count(const std::string& path) const {
 
 bool HttpTestServer::saw_sni(const std::string& name) const {
   return stats().find("\nsni " + name + "\n") != std::string::npos;
+}
+
+std::string HttpTestServer::token_url(const std::string& query) const {
+  return http_url("/oauth/2.0/token") + (query.empty() ? "" : "?" + query);
+}
+
+int HttpTestServer::token_fetches() const { return count("/oauth/2.0/token"); }
+
+int HttpTestServer::token_held() const {
+  std::string text = stats();
+  size_t at = text.find("\ntoken_held ");
+  return at == std::string::npos ? 0 : atoi(text.c_str() + at + 12);
+}
+
+void HttpTestServer::release_token() const { fetch_plain(http_port_, "/_token/release"); }
+
+std::string HttpTestServer::last_token_form() const {
+  return fetch_plain(http_port_, "/_token/last");
 }
 
 RefusedPort::RefusedPort() : fd_(socket(AF_INET, SOCK_STREAM, 0)), port_(-1) {

@@ -51,6 +51,19 @@ class HttpTestServer {
   // Whether some TLS client asked for name by SNI.
   bool saw_sni(const std::string& name) const;
 
+  // The client-credentials token endpoint: http_url("/oauth/2.0/token") with
+  // "?" + query when query is not empty (answer=, token=, description=, body=,
+  // status=, delay=, hold=1, client_id=, client_secret=; see the script).
+  std::string token_url(const std::string& query = std::string()) const;
+  // Token requests seen so far.
+  int token_fetches() const;
+  // Token requests now waiting for release_token() (hold=1).
+  int token_held() const;
+  // Lets every held token request answer.
+  void release_token() const;
+  // The form body of the last token request.
+  std::string last_token_form() const;
+
  private:
   TempDir dir_;
   pid_t pid_;

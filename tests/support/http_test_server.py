@@ -31,12 +31,25 @@ Endpoints (every request except /_stats is counted by path):
   /headers              200; each ?h= value is written as a raw header line
   /slow                 status ?status= (200); sends ?first= at once, then waits ?delay=
                         seconds (default 30) before sending ?rest= ("done")
-  /_stats               plain text: "requests N", then "path <path> <count>" and
-                        "sni <name>" lines
+  /_stats               plain text: "requests N", then "path <path> <count>",
+                        "sni <name>" and "token_held <n>" lines
+  /oauth/2.0/token      client-credentials token endpoint (POST form body; grant_type
+                        must be client_credentials, else 400 unsupported_grant_type;
+                        with ?client_id= / ?client_secret= the form must match, else
+                        401 invalid_client). Every request is a fetch (counted by path).
+                        ?answer=token (default): {"access_token": ?token= or
+                        "orv-token-<fetch number>", "expires_in": 2592000};
+                        ?answer=error: status ?status= (401), {"error": "invalid_client",
+                        "error_description": ?description=}; ?answer=raw: status
+                        ?status= (200), body ?body= exactly (may be empty).
+                        ?delay= seconds before answering; ?hold=1 waits (at most 60 s)
+                        for /_token/release, and counts as held meanwhile
+  /_token/release       releases every held token request
+  /_token/last          the form body of the last token request
 
 New endpoints are functions taking (handler, query) added to ROUTES (exact paths) or
 PREFIX_ROUTES; read_body() already understands chunked request bodies. Planned:
-a client-credentials token endpoint counting its fetches, a chunked-upload sink
+a chunked-upload sink
 reporting total bytes, chunk count and a digest, a streaming source sending N chunks
 at an interval (with a stall), a duplex endpoint, chosen final statuses.
 """
@@ -62,6 +75,11 @@ class State:
         self.sni = []
         self.sni_by_connection = {}
         self.stop = threading.Event()
+        self.token_cond = threading.Condition(self.lock)
+        self.token_fetches = 0
+        self.token_releases = 0
+        self.token_held = 0
+        self.token_last_form = b""
 
     def count(self, path):
         with self.lock:
@@ -84,6 +102,7 @@ class State:
             lines = ["requests %d" % self.total]
             lines += ["path %s %d" % (p, n) for p, n in sorted(self.counts.items())]
             lines += ["sni %s" % name for name in self.sni]
+            lines.append("token_held %d" % self.token_held)
         return "\n".join(lines) + "\n"
 
 
@@ -192,7 +211,67 @@ def route_stats(handler, query):
     send_bytes(handler, 200, STATE.report().encode("latin-1"))
 
 
+def token_json(handler, status, answer):
+    send_bytes(handler, status, json.dumps(answer).encode("utf-8"), "application/json")
+
+
+def route_token(handler, query):
+    form_bytes = read_body(handler)
+    form = parse_qs(form_bytes.decode("latin-1"), keep_blank_values=True)
+    with STATE.lock:
+        STATE.token_fetches += 1
+        fetch = STATE.token_fetches
+        STATE.token_last_form = form_bytes
+        generation = STATE.token_releases
+    if param(query, "hold") == "1":
+        with STATE.token_cond:
+            STATE.token_held += 1
+            STATE.token_cond.wait_for(
+                lambda: STATE.token_releases > generation or STATE.stop.is_set(), 60)
+            STATE.token_held -= 1
+    delay = float(param(query, "delay", "0"))
+    if delay > 0:
+        STATE.stop.wait(delay)
+    if param(form, "grant_type") != "client_credentials":
+        token_json(handler, 400, {"error": "unsupported_grant_type",
+                                  "error_description": "grant_type must be client_credentials"})
+        return
+    for name in ("client_id", "client_secret"):
+        if name in query and param(form, name) != param(query, name):
+            token_json(handler, 401, {"error": "invalid_client",
+                                      "error_description": "unknown client"})
+            return
+    answer = param(query, "answer", "token")
+    if answer == "error":
+        token_json(handler, int(param(query, "status", "401")),
+                   {"error": "invalid_client", "error_description": param(query, "description")})
+    elif answer == "raw":
+        send_bytes(handler, int(param(query, "status", "200")),
+                   param(query, "body").encode("utf-8"), "application/json")
+    else:
+        token_json(handler, 200, {"access_token": param(query, "token", "orv-token-%d" % fetch),
+                                  "expires_in": 2592000})
+
+
+def route_token_release(handler, query):
+    read_body(handler)
+    with STATE.token_cond:
+        STATE.token_releases += 1
+        STATE.token_cond.notify_all()
+    send_bytes(handler, 200, b"released")
+
+
+def route_token_last(handler, query):
+    read_body(handler)
+    with STATE.lock:
+        form = STATE.token_last_form
+    send_bytes(handler, 200, form, "application/x-www-form-urlencoded")
+
+
 ROUTES = {
+    "/oauth/2.0/token": route_token,
+    "/_token/release": route_token_release,
+    "/_token/last": route_token_last,
     "/echo": route_echo,
     "/body": route_body,
     "/headers": route_headers,
