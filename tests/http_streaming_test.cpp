@@ -153,6 +153,16 @@ bool release_within(Maker maker, milliseconds bound = milliseconds(20000)) {
 class HttpStreamingTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(server.start()) << server.error(); }
+  // The refresh timer's thread notices an emptied list only when it wakes;
+  // let it end before the process does (it uses a static of the library).
+  void TearDown() override {
+    EXPECT_TRUE(wait_until([] {
+      orv::Threads::RefreshTimer::TimerThreadState.Lock();
+      int state = orv::Threads::RefreshTimer::TimerThreadState._condition;
+      orv::Threads::RefreshTimer::TimerThreadState.Unlock();
+      return state == 0;
+    }));
+  }
 
   Maker start(int mode, const std::string& url, int timeout_class = 0,
               const std::map<std::string, std::string>& headers = {}) {
