@@ -12,6 +12,7 @@
 #include "core/utility/Memory/orv_shared_ptr_base.h"
 #include "core/utility/Memory/orv_shared_ptr_control_object.h"
 #include "core/utility/Memory/singleton.h"
+#include "core/utility/Networking/impl_curl/asr_http_task_CURL.h"
 #include "core/utility/Networking/impl_curl/openssl_thread_lock.h"
 #include "core/utility/Networking/orv_HttpRequest.h"
 #include "core/utility/Networking/orv_HttpRequestMaker.h"

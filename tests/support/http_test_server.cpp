@@ -145,7 +145,21 @@ std::string HttpTestServer::https_url(const std::string& path) const {
   return "https://127.0.0.1:" + std::to_string(https_port_) + path;
 }
 
+std::string HttpTestServer::fetch(const std::string& path) const {
+  return fetch_plain(http_port_, path);
+}
+
 std::string HttpTestServer::stats() const { return fetch_plain(http_port_, "/_stats"); }
+
+std::string HttpTestServer::upload_result(const std::string& id) const {
+  return fetch_plain(http_port_, "/upload_result?id=" + id);
+}
+
+std::string stream_pattern(size_t n) {
+  std::string out(n, '\0');
+  for (size_t i = 0; i < n; ++i) out[i] = static_cast<char>((i * 31 + 7 + (i >> 8)) & 0xFF);
+  return out;
+}
 
 int HttpTestServer::count(const std::string& path) const {
   std::istringstream in(stats());

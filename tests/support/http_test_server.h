@@ -44,8 +44,13 @@ class HttpTestServer {
   std::string http_url(const std::string& path) const;
   std::string https_url(const std::string& path) const;
 
-  // The /_stats text, fetched over a plain socket (not through liborv).
+  // The body of a GET of path on the plain port, fetched over a plain socket
+  // (not through liborv); "" on failure.
+  std::string fetch(const std::string& path) const;
+  // The /_stats text.
   std::string stats() const;
+  // The /upload record of id ("none" before the upload began).
+  std::string upload_result(const std::string& id) const;
   // Requests seen on path so far (all listeners together).
   int count(const std::string& path) const;
   // Whether some TLS client asked for name by SNI.
@@ -76,6 +81,9 @@ class HttpTestServer {
 
 // A loopback port that refuses connections: bound, never listening, so no
 // other process gets it while the object lives.
+// The bytes the /stream endpoint sends for a total of n bytes.
+std::string stream_pattern(size_t n);
+
 class RefusedPort {
  public:
   RefusedPort();

@@ -46,15 +46,28 @@ Endpoints (every request except /_stats is counted by path):
                         for /_token/release, and counts as held meanwhile
   /_token/release       releases every held token request
   /_token/last          the form body of the last token request
+  /upload               a sink for (chunked) request bodies, recorded under ?id=: the
+                        total bytes, the number of non-empty chunks, the SHA-256 of the
+                        bytes, the Content-Encoding and Transfer-Encoding headers, and
+                        whether the body ended ("done") or the client went away
+                        ("aborted"). Answers status ?status= (200) with the record.
+  /upload_result        plain text record of upload ?id=: "bytes N chunks N sha256 HEX
+                        state running|done|aborted te <..> ce <..>", or "none"
+  /stream               status ?status= (200), then ?n= chunks (chunked encoding) of
+                        ?size= bytes, ?interval= ms apart; before chunk ?stall_after= it
+                        stalls ?stall= ms. The bytes are stream_pattern(n * size).
+  /duplex               reads a chunked body and writes each chunk back as a response
+                        chunk as soon as it arrived, while the upload goes on; status
+                        ?status= (200); the bytes echoed are recorded as an upload
+                        under ?id= (once written back)
 
 New endpoints are functions taking (handler, query) added to ROUTES (exact paths) or
-PREFIX_ROUTES; read_body() already understands chunked request bodies. Planned:
-a chunked-upload sink
-reporting total bytes, chunk count and a digest, a streaming source sending N chunks
-at an interval (with a stall), a duplex endpoint, chosen final statuses.
+PREFIX_ROUTES; read_body() already understands chunked request bodies,
+read_chunks() yields them one by one.
 """
 
 import argparse
+import hashlib
 import json
 import os
 import ssl
@@ -80,6 +93,7 @@ class State:
         self.token_releases = 0
         self.token_held = 0
         self.token_last_form = b""
+        self.uploads = {}
 
     def count(self, path):
         with self.lock:
@@ -96,6 +110,19 @@ class State:
             if forget:
                 return self.sni_by_connection.pop(id(connection), "")
             return self.sni_by_connection.get(id(connection), "")
+
+    def upload_update(self, rid, **fields):
+        with self.lock:
+            self.uploads.setdefault(rid, {}).update(fields)
+
+    def upload_record(self, rid):
+        with self.lock:
+            record = self.uploads.get(rid)
+            if record is None:
+                return "none\n"
+            return ("bytes %d chunks %d sha256 %s state %s te %s ce %s\n"
+                    % (record["bytes"], record["chunks"], record["sha256"], record["state"],
+                       record["te"] or "-", record["ce"] or "-"))
 
     def report(self):
         with self.lock:
@@ -206,6 +233,124 @@ def route_slow(handler, query):
     handler.wfile.flush()
 
 
+def read_chunks(handler):
+    """Yields the chunks of a chunked request body as they arrive; raises EOFError
+    when the client goes away before the last chunk."""
+    while True:
+        size_line = handler.rfile.readline()
+        if not size_line:
+            raise EOFError()
+        size = int(size_line.split(b";")[0].strip() or b"0", 16)
+        if size == 0:
+            while True:
+                line = handler.rfile.readline()
+                if not line:
+                    raise EOFError()
+                if line in (b"\r\n", b"\n"):
+                    return
+        data = handler.rfile.read(size)
+        if len(data) < size:
+            raise EOFError()
+        handler.rfile.readline()
+        yield data
+
+
+def stream_pattern(total):
+    """The bytes /stream sends; tests compute the same (zero bytes included)."""
+    return bytes(((i * 31 + 7 + (i >> 8)) & 0xFF) for i in range(total))
+
+
+def route_upload(handler, query):
+    rid = param(query, "id", "default")
+    digest = hashlib.sha256()
+    total = chunks = 0
+    STATE.upload_update(rid, bytes=0, chunks=0, sha256=digest.hexdigest(), state="running",
+                        te=handler.headers.get("Transfer-Encoding", ""),
+                        ce=handler.headers.get("Content-Encoding", ""))
+    if "chunked" in handler.headers.get("Transfer-Encoding", "").lower():
+        try:
+            for data in read_chunks(handler):
+                digest.update(data)
+                total += len(data)
+                chunks += 1
+                STATE.upload_update(rid, bytes=total, chunks=chunks, sha256=digest.hexdigest())
+        except (EOFError, OSError, ssl.SSLError):
+            STATE.upload_update(rid, state="aborted")
+            handler.close_connection = True
+            return
+    else:
+        data = read_body(handler)
+        digest.update(data)
+        total = len(data)
+        chunks = 1 if data else 0
+        STATE.upload_update(rid, bytes=total, chunks=chunks, sha256=digest.hexdigest())
+    STATE.upload_update(rid, state="done")
+    status = int(param(query, "status", "200"))
+    answer = b"" if status in (204, 304) else STATE.upload_record(rid).encode("latin-1")
+    send_bytes(handler, status, answer)
+
+
+def route_upload_result(handler, query):
+    read_body(handler)
+    send_bytes(handler, 200, STATE.upload_record(param(query, "id", "default")).encode("latin-1"))
+
+
+def write_chunk(handler, data):
+    handler.wfile.write(b"%x\r\n" % len(data) + data + b"\r\n")
+    handler.wfile.flush()
+
+
+def route_stream(handler, query):
+    read_body(handler)
+    n = int(param(query, "n", "4"))
+    size = max(1, int(param(query, "size", "1000")))
+    interval = float(param(query, "interval", "0")) / 1000.0
+    stall_after = int(param(query, "stall_after", "-1"))
+    stall = float(param(query, "stall", "0")) / 1000.0
+    data = stream_pattern(n * size)
+    handler.send_response(int(param(query, "status", "200")))
+    handler.send_header("Content-Type", "application/octet-stream")
+    handler.send_header("Transfer-Encoding", "chunked")
+    handler.end_headers()
+    handler.wfile.flush()
+    for i in range(n):
+        if i == stall_after and STATE.stop.wait(stall):
+            return
+        write_chunk(handler, data[i * size:(i + 1) * size])
+        if interval > 0 and STATE.stop.wait(interval):
+            return
+    handler.wfile.write(b"0\r\n\r\n")
+    handler.wfile.flush()
+
+
+def route_duplex(handler, query):
+    rid = param(query, "id", "duplex")
+    total = chunks = 0
+    digest = hashlib.sha256()
+    STATE.upload_update(rid, bytes=0, chunks=0, sha256=digest.hexdigest(), state="running",
+                        te=handler.headers.get("Transfer-Encoding", ""),
+                        ce=handler.headers.get("Content-Encoding", ""))
+    handler.send_response(int(param(query, "status", "200")))
+    handler.send_header("Content-Type", "application/octet-stream")
+    handler.send_header("Transfer-Encoding", "chunked")
+    handler.end_headers()
+    handler.wfile.flush()
+    try:
+        for data in read_chunks(handler):
+            write_chunk(handler, data)
+            digest.update(data)
+            total += len(data)
+            chunks += 1
+            STATE.upload_update(rid, bytes=total, chunks=chunks, sha256=digest.hexdigest())
+    except EOFError:
+        STATE.upload_update(rid, state="aborted")
+        handler.close_connection = True
+        return
+    STATE.upload_update(rid, state="done")
+    handler.wfile.write(b"0\r\n\r\n")
+    handler.wfile.flush()
+
+
 def route_stats(handler, query):
     read_body(handler)
     send_bytes(handler, 200, STATE.report().encode("latin-1"))
@@ -276,6 +421,10 @@ ROUTES = {
     "/body": route_body,
     "/headers": route_headers,
     "/slow": route_slow,
+    "/upload": route_upload,
+    "/upload_result": route_upload_result,
+    "/stream": route_stream,
+    "/duplex": route_duplex,
     "/_stats": route_stats,
 }
 PREFIX_ROUTES = {
@@ -299,7 +448,7 @@ class Handler(BaseHTTPRequestHandler):
             for prefix, candidate in PREFIX_ROUTES.items():
                 if parts.path.startswith(prefix):
                     route = candidate
-        if parts.path != "/_stats":
+        if parts.path not in ("/_stats", "/upload_result"):
             STATE.count(parts.path)
         if route is None:
             read_body(self)
@@ -316,6 +465,11 @@ class Handler(BaseHTTPRequestHandler):
 class PlainServer(ThreadingHTTPServer):
     daemon_threads = True
     allow_reuse_address = True
+
+    def handle_error(self, request, client_address):
+        # Clients that go away (cancelled transfers) are part of the tests.
+        if not isinstance(sys.exc_info()[1], (ConnectionError, ssl.SSLError)):
+            super().handle_error(request, client_address)
 
 
 class TlsServer(PlainServer):

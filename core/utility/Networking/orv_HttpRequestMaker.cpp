@@ -7,7 +7,9 @@
 #define CURL_DISABLE_DEPRECATION
 #include <curl/curl.h>
 
+#include "core/utility/Networking/impl_curl/asr_http_task_CURL.h"
 #include "core/utility/orv_log.h"
+#include "core/utility/orv_utility.h"
 
 namespace orv {
 namespace Networking {
@@ -15,54 +17,6 @@ namespace Networking {
 using Memory::orv_shared_ptr;
 
 namespace {
-
-// TODO: use orv_utility once merged (orv::get_host_from_url, same rule).
-std::string host_from_url(const std::string& url) {
-  size_t slashes = url.find("//");
-  if (slashes == std::string::npos || slashes == 0) return std::string();
-  size_t start = slashes + 2;
-  size_t end = url.find('/', start);
-  if (end == std::string::npos || end == 0) return std::string();
-  return url.substr(start, end - start);
-}
-
-// libcurl write callback: appends the piece to the response.
-size_t http_receive_data_cb(char* data, size_t size, size_t count, void* user) {
-  orv_HttpResponse* response = static_cast<orv_HttpResponse*>(user);
-  if (response == nullptr) {
-    ORV_LOG_ERROR("[ERROR]-[%s][%s:232][ASRHttpTask::http_receive_data_cb] response is NULL\n");
-  } else {
-    response->receive_new_data(data, static_cast<unsigned>(size * count));
-  }
-  return size * count;
-}
-
-// libcurl header callback: "name: value" lines go into the header map, a
-// repeated name keeps its last value; lines without ':' are ignored.
-size_t http_receive_header_cb(char* data, size_t size, size_t count, void* user) {
-  size_t total = size * count;
-  orv_HttpResponse* response = static_cast<orv_HttpResponse*>(user);
-  if (response == nullptr || data == nullptr) return total;
-  const char* end = data + total;
-  const char* colon = static_cast<const char*>(memchr(data, ':', total));
-  if (colon == nullptr) return total;
-  const char* value = colon + 1;
-  while (value < end && (*value == ' ' || *value == '\t')) ++value;
-  const char* value_end = value;
-  while (value_end < end && *value_end != '\r' && *value_end != '\n' && *value_end != '\0') {
-    ++value_end;
-  }
-  response->_headers[std::string(data, static_cast<size_t>(colon - data))] =
-      std::string(value, static_cast<size_t>(value_end - value));
-  return total;
-}
-
-// libcurl progress callback: a non-zero answer aborts the transfer.
-int http_progress_cb(void* user, double, double, double, double) {
-  orv_HttpRequest* request = static_cast<orv_HttpRequest*>(user);
-  if (request == nullptr) return 1;
-  return request->isCancelled() ? 1 : 0;
-}
 
 // The handle, its two lists and the URL actually requested; everything that
 // execute and network_connect set up alike.
@@ -102,12 +56,12 @@ void select_url(Transfer& t, const orv_HttpRequest& request) {
 }
 
 void set_callbacks(Transfer& t, orv_HttpRequest* request, orv_HttpResponse* response) {
-  curl_easy_setopt(t.curl, CURLOPT_WRITEFUNCTION, &http_receive_data_cb);
+  curl_easy_setopt(t.curl, CURLOPT_WRITEFUNCTION, &orv_HttpTask_impl::http_receive_data_cb);
   curl_easy_setopt(t.curl, CURLOPT_PROGRESSDATA, request);
-  curl_easy_setopt(t.curl, CURLOPT_PROGRESSFUNCTION, &http_progress_cb);
+  curl_easy_setopt(t.curl, CURLOPT_PROGRESSFUNCTION, &orv_HttpTask_impl::http_progress_cb);
   curl_easy_setopt(t.curl, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(t.curl, CURLOPT_WRITEDATA, response);
-  curl_easy_setopt(t.curl, CURLOPT_HEADERFUNCTION, &http_receive_header_cb);
+  curl_easy_setopt(t.curl, CURLOPT_HEADERFUNCTION, &orv_HttpTask_impl::http_receive_header_cb);
   curl_easy_setopt(t.curl, CURLOPT_HEADERDATA, response);
 }
 
@@ -136,13 +90,14 @@ bool has_url(const orv_HttpRequest& request) {
 orv_http_request_maker::~orv_http_request_maker() {}
 
 std::string orv_http_request_maker::get_host_from_url(std::string url) {
-  return host_from_url(url);
+  return orv::get_host_from_url(url);
 }
 
 std::string orv_http_request_maker::get_resolve_dns_map(const std::string& originUrl,
                                                         char* ipUrl) {
-  std::string origin_host = host_from_url(originUrl);
-  std::string ip_host = host_from_url(ipUrl != nullptr ? std::string(ipUrl) : std::string());
+  std::string origin_host = orv::get_host_from_url(originUrl);
+  std::string ip_host =
+      orv::get_host_from_url(ipUrl != nullptr ? std::string(ipUrl) : std::string());
   if (origin_host.empty() || ip_host.empty()) return std::string();
   // Always port 443, whatever the URLs name.
   return origin_host + ":443:" + ip_host;
@@ -156,7 +111,7 @@ std::string orv_http_request_maker::get_host_url(const std::string& originUrl, c
   size_t start = slashes + 2;
   size_t end = url.find('/', start);
   if (end == std::string::npos) return url;
-  return url.substr(0, start) + host_from_url(originUrl) + url.substr(end);
+  return url.substr(0, start) + orv::get_host_from_url(originUrl) + url.substr(end);
 }
 
 orv_shared_ptr<orv_HttpResponse> orv_http_request_maker::execute(

@@ -16,7 +16,8 @@
 // error code 0. A cancelled request gives error code 2.
 //
 // Streaming face: an abstract long-lived transfer (start_request, send_data,
-// cancel, release_instance), for tasks made by the streaming implementation.
+// cancel, release_instance); get_instance() makes one (see
+// impl_curl/asr_http_task_CURL.h for its modes, reports and threading).
 #ifndef ORV_CORE_UTILITY_NETWORKING_ORV_HTTPREQUESTMAKER_H
 #define ORV_CORE_UTILITY_NETWORKING_ORV_HTTPREQUESTMAKER_H
 
@@ -45,6 +46,10 @@ class ORV_API orv_http_request_maker {
   virtual void send_data(Memory::orv_shared_ptr<unsigned char>& data, long length, bool last) = 0;
   virtual void cancel() = 0;
   virtual void release_instance() = 0;
+
+  // A new streaming task (every call makes another one), its self reference
+  // set.
+  static Memory::orv_shared_ptr<orv_http_request_maker> get_instance();
 
   // The authority between the first "//" (at a position above 0) and the
   // next "/", port included; "" when either is missing.

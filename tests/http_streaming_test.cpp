@@ -1,0 +1,516 @@
+#include <openssl/evp.h>
+#include <string.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "orv/orv.h"
+#include "support/http_test_server.h"
+#include "support/test_support.h"
+
+namespace {
+
+using orv::Memory::orv_shared_ptr;
+using orv::Memory::orv_shared_ptr_base;
+using orv::Networking::orv_http_request_maker;
+using orv::Networking::orv_HttpRequest;
+using orv::Networking::orv_HttpResponse;
+using orv::Networking::orv_HttpTask_impl;
+using orv_test::HttpTestServer;
+using orv_test::wait_until;
+using std::chrono::milliseconds;
+
+typedef orv_shared_ptr<orv_http_request_maker> Maker;
+typedef orv_shared_ptr<orv_HttpRequest> Request;
+
+const int kPost = 1;
+const int kUpload = 2;
+const int kDownload = 3;
+
+bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+std::string sha256_hex(const std::string& data) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  EVP_Digest(data.data(), data.size(), digest, &size, EVP_sha256(), nullptr);
+  static const char hex[] = "0123456789abcdef";
+  std::string out;
+  for (unsigned i = 0; i < size; ++i) {
+    out += hex[digest[i] >> 4];
+    out += hex[digest[i] & 15];
+  }
+  return out;
+}
+
+// Bytes of every value, zero included, in no simple order.
+std::string noise(size_t n, uint32_t seed) {
+  std::string out(n, '\0');
+  for (size_t i = 0; i < n; ++i) {
+    seed = seed * 1103515245u + 12345u;
+    out[i] = static_cast<char>(seed >> 16);
+  }
+  return out;
+}
+
+struct Final {
+  int error;
+  int status;
+  std::string message;
+};
+
+// What the callback saw: the concatenated pieces and the end reports (a
+// response without body). After `released` is set, any call is a fault.
+struct Recorder {
+  std::mutex mutex;
+  std::string data;
+  int pieces = 0;
+  std::vector<Final> finals;
+  std::atomic<bool> released{false};
+  std::atomic<int> late_calls{0};
+  Maker self_seen;
+
+  std::string received() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return data;
+  }
+  size_t received_size() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return data.size();
+  }
+  int piece_count() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return pieces;
+  }
+  std::vector<Final> ends() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return finals;
+  }
+};
+
+void record(Maker& maker, orv_shared_ptr<orv_HttpResponse>& response, orv_shared_ptr_base* user) {
+  Recorder* r = static_cast<orv_shared_ptr<Recorder>*>(user)->getPTR();
+  if (r->released.load()) r->late_calls++;
+  std::lock_guard<std::mutex> lock(r->mutex);
+  if (!r->self_seen) r->self_seen = maker;
+  if (response->_length > 1) {
+    r->data.append(response->_data.getPTR(), response->_length - 1);
+    r->pieces++;
+  } else {
+    r->finals.push_back({response->_error_code, response->_http_status, response->_message});
+  }
+}
+
+orv_shared_ptr<unsigned char> bytes_of(const std::string& s) {
+  unsigned char* block = new unsigned char[s.size() + 1];
+  memcpy(block, s.data(), s.size());
+  return orv_shared_ptr<unsigned char>(block, &orv_shared_ptr<unsigned char>::arrayDestructor);
+}
+
+void send(Maker& maker, const std::string& piece, bool last) {
+  orv_shared_ptr<unsigned char> data = bytes_of(piece);
+  maker->send_data(data, static_cast<long>(piece.size()), last);
+}
+
+// Runs work on a detached thread and waits at most bound for it: a hang
+// shows as a failure, not as a stuck test (the thread keeps what it uses).
+bool within(std::function<bool()> work, milliseconds bound) {
+  auto done = std::make_shared<std::promise<bool>>();
+  std::future<bool> result = done->get_future();
+  std::thread([work, done] { done->set_value(work()); }).detach();
+  return result.wait_for(bound) == std::future_status::ready && result.get();
+}
+
+// The task's serial queue has run everything submitted before (its
+// transfer included) when a no-op queued behind it has run.
+bool transfer_finished(Maker maker, milliseconds bound = milliseconds(20000)) {
+  return within(
+      [maker] {
+        orv_HttpTask_impl* impl = static_cast<orv_HttpTask_impl*>(maker.getPTR());
+        return impl->m_managerMain->runTaskSync([](orv_shared_ptr_base*) {}, nullptr);
+      },
+      bound);
+}
+
+bool release_within(Maker maker, milliseconds bound = milliseconds(20000)) {
+  return within(
+      [maker] {
+        maker->release_instance();
+        return true;
+      },
+      bound);
+}
+
+class HttpStreamingTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(server.start()) << server.error(); }
+  // The refresh timer's thread notices an emptied list only when it wakes;
+  // let it end before the process does (it uses a static of the library).
+  void TearDown() override {
+    EXPECT_TRUE(wait_until([] {
+      orv::Threads::RefreshTimer::TimerThreadState.Lock();
+      int state = orv::Threads::RefreshTimer::TimerThreadState._condition;
+      orv::Threads::RefreshTimer::TimerThreadState.Unlock();
+      return state == 0;
+    }));
+  }
+
+  Maker start(int mode, const std::string& url, int timeout_class = 0,
+              const std::map<std::string, std::string>& headers = {}) {
+    Request request = orv_HttpRequest::requestWithUrl(url);
+    request->_origin_URL = url;
+    request->_transfer_mode = mode;
+    request->_download_timeout_class = timeout_class;
+    request->_headers = headers;
+    Maker maker = orv_http_request_maker::get_instance();
+    maker->start_request(request, &record, &user);
+    return maker;
+  }
+
+  std::string upload_state(const std::string& id) {
+    std::string r = server.upload_result(id);
+    size_t at = r.find(" state ");
+    return at == std::string::npos ? r : r.substr(at + 7, r.find(' ', at + 7) - at - 7);
+  }
+
+  HttpTestServer server;
+  orv_shared_ptr<Recorder> user{new Recorder()};
+};
+
+TEST_F(HttpStreamingTest, UploadFedFromAnotherThreadArrivesWhole) {
+  Maker maker = start(kUpload, server.http_url("/upload?id=whole"));
+  const std::string stream = noise(300000, 7);
+  // Uneven pieces, some larger than libcurl's buffer, some a byte long.
+  const size_t sizes[] = {1, 7, 1000, 4096, 13, 70001, 2, 65536, 333, 1};
+  std::thread producer([&] {
+    size_t at = 0;
+    for (size_t i = 0; at < stream.size(); ++i) {
+      size_t n = std::min(sizes[i % (sizeof(sizes) / sizeof(sizes[0]))], stream.size() - at);
+      send(maker, stream.substr(at, n), false);
+      at += n;
+    }
+    orv_shared_ptr<unsigned char> none;
+    maker->send_data(none, 0, true);
+  });
+  producer.join();
+
+  ASSERT_TRUE(wait_until([&] { return upload_state("whole") == "done"; }, milliseconds(30000)))
+      << server.upload_result("whole");
+  std::string result = server.upload_result("whole");
+  EXPECT_TRUE(has(result, "bytes 300000 ")) << result;
+  EXPECT_TRUE(has(result, "sha256 " + sha256_hex(stream) + " ")) << result;
+  EXPECT_TRUE(has(result, "te chunked ce gzip")) << result;
+
+  // The answer is dropped; only the final status 200 is reported, once.
+  ASSERT_TRUE(wait_until([&] { return user->ends().size() == 1; }));
+  ASSERT_TRUE(transfer_finished(maker));
+  std::vector<Final> ends = user->ends();
+  ASSERT_EQ(ends.size(), 1u);
+  EXPECT_EQ(ends[0].status, 200);
+  EXPECT_EQ(ends[0].error, 0);
+  EXPECT_EQ(user->piece_count(), 0);
+  EXPECT_EQ(user->self_seen.getPTR(), maker.getPTR());
+  EXPECT_TRUE(release_within(maker));
+}
+
+TEST_F(HttpStreamingTest, EachPieceGoesOutWithoutWaitingForMore) {
+  Maker maker = start(kUpload, server.http_url("/upload?id=steps"));
+  std::string all;
+  for (int i = 0; i < 5; ++i) {
+    std::string piece = noise(100 + 37 * i, 100 + i);
+    all += piece;
+    send(maker, piece, false);
+    std::string want = "bytes " + std::to_string(all.size()) + " chunks " + std::to_string(i + 1);
+    ASSERT_TRUE(wait_until([&] { return has(server.upload_result("steps"), want); }))
+        << server.upload_result("steps");
+  }
+  orv_shared_ptr<unsigned char> none;
+  maker->send_data(none, 0, true);
+  ASSERT_TRUE(wait_until([&] { return upload_state("steps") == "done"; }));
+  EXPECT_TRUE(has(server.upload_result("steps"), "chunks 5 sha256 " + sha256_hex(all)));
+  EXPECT_TRUE(release_within(maker));
+}
+
+TEST_F(HttpStreamingTest, UploadWithoutLastEndsOnlyAtCancel) {
+  Maker maker = start(kUpload, server.http_url("/upload?id=open"));
+  send(maker, noise(1000, 3), false);
+  ASSERT_TRUE(wait_until([&] { return has(server.upload_result("open"), "bytes 1000 "); }));
+  // Nothing more to send and no last piece: the transfer stays open.
+  EXPECT_FALSE(wait_until([&] { return upload_state("open") != "running"; }, milliseconds(500)));
+  EXPECT_TRUE(user->ends().empty());
+
+  orv::set_log_level(orv::LOG_DEBUG);
+  orv_test::StderrCapture capture;
+  maker->cancel();
+  maker->cancel();
+  std::string log = capture.text();
+  orv::set_log_level(0);
+  // Both calls log their pair; only the first acts.
+  size_t first = log.find("[asr_http_task_CURL::cancel] this=");
+  ASSERT_NE(first, std::string::npos) << log;
+  EXPECT_NE(log.find("[asr_http_task_CURL::cancel] this=", first + 1), std::string::npos) << log;
+
+  ASSERT_TRUE(transfer_finished(maker));
+  // The server sees the body end (or the connection close) a moment later.
+  EXPECT_TRUE(wait_until([&] { return upload_state("open") != "running"; }));
+  EXPECT_TRUE(has(server.upload_result("open"), "bytes 1000 "));
+  // Ended by the cancel: no transport error is reported for it.
+  for (const Final& f : user->ends()) EXPECT_NE(f.error, 4);
+  EXPECT_TRUE(release_within(maker));
+}
+
+TEST_F(HttpStreamingTest, DownloadPiecesConcatenateToTheStream) {
+  Maker maker = start(kDownload, server.http_url("/stream?n=40&size=3001&interval=2"));
+  ASSERT_TRUE(wait_until([&] { return !user->ends().empty(); }, milliseconds(30000)));
+  ASSERT_TRUE(transfer_finished(maker));
+  EXPECT_EQ(user->received(), orv_test::stream_pattern(40 * 3001));
+  std::vector<Final> ends = user->ends();
+  ASSERT_EQ(ends.size(), 1u);
+  // A download ending with 200 is reported as error 6.
+  EXPECT_EQ(ends[0].error, 6);
+  EXPECT_EQ(ends[0].status, 200);
+  EXPECT_GE(user->piece_count(), 1);
+  EXPECT_TRUE(release_within(maker));
+}
+
+TEST_F(HttpStreamingTest, RequestShapesOfDownloadAndPost) {
+  // Download: a POST of one zero byte with its own header lines.
+  Maker down = start(kDownload, server.http_url("/echo"));
+  ASSERT_TRUE(wait_until([&] { return !user->ends().empty(); }));
+  std::string echo = user->received();
+  EXPECT_TRUE(has(echo, "\"method\":\"POST\"")) << echo;
+  EXPECT_TRUE(has(echo, "\"body_length\":1,")) << echo;
+  EXPECT_TRUE(has(echo, "\"body\":\"\\u0000\"")) << echo;
+  EXPECT_TRUE(has(echo, "\"Content-Type: application/octet-stream\"")) << echo;
+  EXPECT_TRUE(has(echo, "\"Accept-Encoding: gzip,deflate\"")) << echo;
+  EXPECT_FALSE(has(echo, "Expect")) << echo;
+  EXPECT_FALSE(has(echo, "Transfer-Encoding")) << echo;
+  EXPECT_TRUE(release_within(down));
+
+  // Post: the request's headers, then the chunked-body lines; the answer
+  // streams back and a 200 ending is reported without error.
+  orv_shared_ptr<Recorder> post_user(new Recorder());
+  Request request = orv_HttpRequest::requestWithUrl(server.http_url("/echo"));
+  request->_transfer_mode = kPost;
+  request->_headers["X-Orv-Module"] = "asr";
+  request->_headers["A-First"] = "1";
+  Maker post = orv_http_request_maker::get_instance();
+  post->start_request(request, &record, &post_user);
+  send(post, "hello ", false);
+  send(post, "world", true);
+  ASSERT_TRUE(wait_until([&] { return !post_user->ends().empty(); }));
+  echo = post_user->received();
+  EXPECT_TRUE(has(echo, "\"body\":\"hello world\"")) << echo;
+  size_t a = echo.find("\"A-First: 1\"");
+  size_t x = echo.find("\"X-Orv-Module: asr\"");
+  size_t te = echo.find("\"Transfer-Encoding: chunked\"");
+  size_t ce = echo.find("\"Content-Encoding: gzip\"");
+  EXPECT_TRUE(a < x && x < te && te < ce && ce != std::string::npos) << echo;
+  EXPECT_FALSE(has(echo, "Expect")) << echo;
+  std::vector<Final> ends = post_user->ends();
+  ASSERT_EQ(ends.size(), 1u);
+  EXPECT_EQ(ends[0].error, 0);
+  EXPECT_EQ(ends[0].status, 200);
+  EXPECT_TRUE(release_within(post));
+}
+
+TEST_F(HttpStreamingTest, DuplexAnswersWhileTheUploadRuns) {
+  // The transfer thread waits inside the read callback for the next piece,
+  // so the answer to one piece is read when the next one is handed over.
+  Maker maker = start(kPost, server.http_url("/duplex"));
+  std::string sent;
+  for (int i = 0; i < 6; ++i) {
+    size_t answered = sent.size();
+    std::string piece = noise(50 + 1000 * i, 40 + i);
+    sent += piece;
+    send(maker, piece, false);
+    std::string echoed = "bytes " + std::to_string(sent.size()) + " ";
+    ASSERT_TRUE(wait_until([&] { return has(server.upload_result("duplex"), echoed); }));
+    ASSERT_TRUE(wait_until([&] { return user->received_size() >= answered; }))
+        << "piece " << i << " got " << user->received_size() << " of " << answered;
+  }
+  EXPECT_GT(user->received_size(), 0u);
+  EXPECT_TRUE(user->ends().empty());
+  orv_shared_ptr<unsigned char> none;
+  maker->send_data(none, 0, true);
+  ASSERT_TRUE(wait_until([&] { return !user->ends().empty(); }));
+  EXPECT_EQ(user->received(), sent);
+  std::vector<Final> ends = user->ends();
+  ASSERT_EQ(ends.size(), 1u);
+  EXPECT_EQ(ends[0].status, 200);
+  EXPECT_EQ(ends[0].error, 0);
+  EXPECT_TRUE(release_within(maker));
+}
+
+TEST_F(HttpStreamingTest, StallBeyondTheInactivityTimeReportsErrorOneOnceAndAborts) {
+  // Class 1: 2000 ms of silence ends the download.
+  Maker maker = start(kDownload, server.http_url("/stream?n=4&size=100&stall_after=2&stall=8000"),
+                      1);
+  ASSERT_TRUE(wait_until([&] { return !user->ends().empty(); }, milliseconds(15000)));
+  // The abort follows at the next progress call, well before the stall ends.
+  ASSERT_TRUE(transfer_finished(maker, milliseconds(5000)));
+  std::vector<Final> ends = user->ends();
+  ASSERT_EQ(ends.size(), 1u);
+  EXPECT_EQ(ends[0].error, 1);
+  EXPECT_EQ(ends[0].message, "[orv_httptask_impl] downStream timeout.");
+  EXPECT_EQ(user->received(), orv_test::stream_pattern(400).substr(0, 200));
+  EXPECT_TRUE(release_within(maker));
+}
+
+TEST_F(HttpStreamingTest, FinalStatusesDecideTheReport) {
+  struct Case {
+    int mode;
+    std::string path;
+    int reports;
+    int status;
+    int error;
+  };
+  const Case cases[] = {
+      {kDownload, "/status/204", 0, 0, 0},      {kDownload, "/status/201", 0, 0, 0},
+      {kDownload, "/status/500", 1, 500, 0},    {kDownload, "/status/200", 1, 200, 6},
+      {kUpload, "/upload?id=s&status=204", 0, 0, 0}, {kUpload, "/upload?id=t&status=500", 1, 500, 0},
+      {kDownload, "/stream?n=2&size=10&status=299", 0, 0, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    orv_shared_ptr<Recorder> mine(new Recorder());
+    Request request = orv_HttpRequest::requestWithUrl(server.http_url(c.path));
+    request->_transfer_mode = c.mode;
+    Maker maker = orv_http_request_maker::get_instance();
+    maker->start_request(request, &record, &mine);
+    if (c.mode == kUpload) send(maker, "x", true);
+    ASSERT_TRUE(transfer_finished(maker));
+    std::vector<Final> ends = mine->ends();
+    ASSERT_EQ(static_cast<int>(ends.size()), c.reports);
+    if (c.reports == 1) {
+      EXPECT_EQ(ends[0].status, c.status);
+      EXPECT_EQ(ends[0].error, c.error);
+    }
+    EXPECT_TRUE(release_within(maker));
+  }
+}
+
+TEST_F(HttpStreamingTest, TransportErrorIsReportedOnce) {
+  orv_test::RefusedPort refused;
+  ASSERT_GT(refused.port(), 0);
+  const std::string url = "http://127.0.0.1:" + std::to_string(refused.port()) + "/x";
+  for (int mode : {kDownload, kUpload}) {
+    SCOPED_TRACE(mode);
+    orv_shared_ptr<Recorder> mine(new Recorder());
+    Request request = orv_HttpRequest::requestWithUrl(url);
+    request->_transfer_mode = mode;
+    Maker maker = orv_http_request_maker::get_instance();
+    maker->start_request(request, &record, &mine);
+    ASSERT_TRUE(transfer_finished(maker));
+    std::vector<Final> ends = mine->ends();
+    ASSERT_EQ(ends.size(), 1u);
+    EXPECT_EQ(ends[0].error, 4);
+    EXPECT_EQ(ends[0].status, 200);
+    EXPECT_EQ(ends[0].message, "[orv_Chunk_Connection]downStream encouter error.");
+    // A cancel afterwards adds nothing.
+    maker->cancel();
+    EXPECT_EQ(mine->ends().size(), 1u);
+    EXPECT_TRUE(release_within(maker));
+  }
+  // The pool-run post mode reports it once too.
+  Request request = orv_HttpRequest::requestWithUrl(url);
+  request->_transfer_mode = kPost;
+  Maker post = orv_http_request_maker::get_instance();
+  post->start_request(request, &record, &user);
+  ASSERT_TRUE(wait_until([&] { return !user->ends().empty(); }));
+  EXPECT_FALSE(wait_until([&] { return user->ends().size() > 1; }, milliseconds(300)));
+  EXPECT_EQ(user->ends()[0].error, 4);
+  EXPECT_TRUE(release_within(post));
+}
+
+TEST_F(HttpStreamingTest, SendDataBeforeStartAndModeZero) {
+  Maker maker = orv_http_request_maker::get_instance();
+  orv_HttpTask_impl* impl = static_cast<orv_HttpTask_impl*>(maker.getPTR());
+  send(maker, "ignored before start", true);
+  EXPECT_FALSE(impl->_send_queue);
+  EXPECT_EQ(impl->_queued_bytes, 0);
+
+  Request request = orv_HttpRequest::requestWithUrl(server.http_url("/upload?id=late"));
+  request->_transfer_mode = kUpload;
+  maker->start_request(request, &record, &user);
+  const std::string piece = noise(50, 9);
+  send(maker, piece, true);
+  ASSERT_TRUE(wait_until([&] { return upload_state("late") == "done"; }));
+  EXPECT_TRUE(has(server.upload_result("late"), "bytes 50 chunks 1 sha256 " + sha256_hex(piece)));
+  EXPECT_TRUE(release_within(maker));
+
+  // Mode 0 makes the send queue and nothing else.
+  Maker idle = orv_http_request_maker::get_instance();
+  Request none = orv_HttpRequest::requestWithUrl(server.http_url("/echo"));
+  idle->start_request(none, &record, &user);
+  EXPECT_TRUE(static_cast<orv_HttpTask_impl*>(idle.getPTR())->_send_queue);
+  ASSERT_TRUE(transfer_finished(idle));
+  EXPECT_EQ(server.count("/echo"), 0);
+  EXPECT_TRUE(release_within(idle));
+}
+
+TEST_F(HttpStreamingTest, NoCallbackAfterReleaseInstanceReturns) {
+  // A long download on the task's queue.
+  Maker down = start(kDownload, server.http_url("/stream?n=2000&size=100&interval=5"));
+  ASSERT_TRUE(wait_until([&] { return user->received_size() >= 300; }));
+  ASSERT_TRUE(release_within(down));
+  user->released = true;
+
+  // A duplex post on a pool thread, its read callback waiting for data.
+  orv_shared_ptr<Recorder> post_user(new Recorder());
+  Request request = orv_HttpRequest::requestWithUrl(server.http_url("/duplex"));
+  request->_transfer_mode = kPost;
+  Maker post = orv_http_request_maker::get_instance();
+  post->start_request(request, &record, &post_user);
+  send(post, "ping", false);
+  ASSERT_TRUE(wait_until([&] { return has(server.upload_result("duplex"), "bytes 4 "); }));
+  send(post, "pong", false);
+  ASSERT_TRUE(wait_until([&] { return post_user->received_size() >= 4; }));
+  ASSERT_TRUE(release_within(post));
+  post_user->released = true;
+  send(post, "after", true);
+
+  // An observation window: late calls would land in it.
+  std::this_thread::sleep_for(milliseconds(500));
+  EXPECT_EQ(user->late_calls.load(), 0);
+  EXPECT_EQ(post_user->late_calls.load(), 0);
+  // No transport error is reported for a released transfer.
+  for (const Final& f : user->ends()) EXPECT_NE(f.error, 4);
+}
+
+TEST_F(HttpStreamingTest, ReleaseFromInsideTheCallbackReturns) {
+  struct Local {
+    static void release_on_first(Maker& maker, orv_shared_ptr<orv_HttpResponse>& response,
+                                 orv_shared_ptr_base* user) {
+      record(maker, response, user);
+      Recorder* r = static_cast<orv_shared_ptr<Recorder>*>(user)->getPTR();
+      if (!r->released.exchange(true)) maker->release_instance();
+    }
+  };
+  Request request = orv_HttpRequest::requestWithUrl(server.http_url("/stream?n=500&size=10&interval=5"));
+  request->_transfer_mode = kDownload;
+  Maker maker = orv_http_request_maker::get_instance();
+  maker->start_request(request, &Local::release_on_first, &user);
+  ASSERT_TRUE(wait_until([&] { return user->released.load(); }));
+  // The queue is stopped by the release; the transfer ends by itself.
+  orv_HttpTask_impl* impl = static_cast<orv_HttpTask_impl*>(maker.getPTR());
+  ASSERT_TRUE(wait_until([&] {
+    impl->m_managerMain->_state_condition->Lock();
+    int state = impl->m_managerMain->_state_condition->_condition;
+    impl->m_managerMain->_state_condition->Unlock();
+    return state == 2;
+  }));
+  EXPECT_EQ(user->late_calls.load(), 0);
+  EXPECT_EQ(user->piece_count(), 1);
+}
+
+}  // namespace
