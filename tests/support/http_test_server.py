@@ -31,6 +31,13 @@ Endpoints (every request except /_stats is counted by path):
   /headers              200; each ?h= value is written as a raw header line
   /slow                 status ?status= (200); sends ?first= at once, then waits ?delay=
                         seconds (default 30) before sending ?rest= ("done")
+  /fault/reset          reads the request, then resets the connection (RST, no answer)
+  /fault/garbage        answers ?text= (default: non-HTTP bytes) instead of HTTP, closes
+  /fault/stall          reads the request and sends nothing for ?delay= seconds (30)
+  /fault/drip           200 with ?n= bytes (20) of body, one byte every ?interval= s (0.05)
+  /fault/huge_headers   200 with ?count= extra header lines (100) of ?size= bytes (40)
+                        each, named X-Big-<i>, then the body "big"
+  /fault/truncate       200 announcing ?length= bytes (1000), sends ?sent= (100), closes
   /_stats               plain text: "requests N", then "path <path> <count>" and
                         "sni <name>" lines
 
@@ -44,6 +51,8 @@ at an interval (with a stall), a duplex endpoint, chosen final statuses.
 import argparse
 import json
 import os
+import socket
+import struct
 import ssl
 import subprocess
 import sys
@@ -187,6 +196,63 @@ def route_slow(handler, query):
     handler.wfile.flush()
 
 
+def route_fault_reset(handler, query):
+    read_body(handler)
+    # SO_LINGER with a zero time-out makes close() send RST instead of FIN.
+    handler.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    handler.close_connection = True
+    handler.connection.close()
+
+
+def route_fault_garbage(handler, query):
+    read_body(handler)
+    text = param(query, "text", "\x00\x01garbage, not HTTP at all\r\n\r\n")
+    handler.wfile.write(text.encode("latin-1"))
+    handler.wfile.flush()
+    handler.close_connection = True
+
+
+def route_fault_stall(handler, query):
+    read_body(handler)
+    STATE.stop.wait(float(param(query, "delay", "30")))
+    handler.close_connection = True
+
+
+def route_fault_drip(handler, query):
+    read_body(handler)
+    n = int(param(query, "n", "20"))
+    interval = float(param(query, "interval", "0.05"))
+    handler.send_response(200)
+    handler.send_header("Content-Length", str(n))
+    handler.end_headers()
+    handler.wfile.flush()
+    for i in range(n):
+        if STATE.stop.wait(interval):
+            break
+        handler.wfile.write(bytes([ord("a") + i % 26]))
+        handler.wfile.flush()
+
+
+def route_fault_huge_headers(handler, query):
+    count = int(param(query, "count", "100"))
+    size = int(param(query, "size", "40"))
+    lines = ["X-Big-%d: %s" % (i, "v" * size) for i in range(count)]
+    read_body(handler)
+    send_bytes(handler, 200, b"big", extra=lines)
+
+
+def route_fault_truncate(handler, query):
+    read_body(handler)
+    length = int(param(query, "length", "1000"))
+    sent = int(param(query, "sent", "100"))
+    handler.send_response(200)
+    handler.send_header("Content-Length", str(length))
+    handler.end_headers()
+    handler.wfile.write(b"t" * sent)
+    handler.wfile.flush()
+    handler.close_connection = True
+
+
 def route_stats(handler, query):
     read_body(handler)
     send_bytes(handler, 200, STATE.report().encode("latin-1"))
@@ -198,6 +264,12 @@ ROUTES = {
     "/headers": route_headers,
     "/slow": route_slow,
     "/_stats": route_stats,
+    "/fault/reset": route_fault_reset,
+    "/fault/garbage": route_fault_garbage,
+    "/fault/stall": route_fault_stall,
+    "/fault/drip": route_fault_drip,
+    "/fault/huge_headers": route_fault_huge_headers,
+    "/fault/truncate": route_fault_truncate,
 }
 PREFIX_ROUTES = {
     "/status/": route_status,
