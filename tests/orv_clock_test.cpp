@@ -24,13 +24,17 @@ TEST(Clock, CurrentTimeIsWallClockMicroseconds) {
 
 TEST(Clock, TextFormsUseLocalTimeWithoutAndWithPadding) {
   // Run the comparison at a stable second so that date and time agree.
+  // gettimeofday, not time(): the latter may lag it by a tick.
   std::string date, stamp;
   time_t seconds;
+  struct timeval tv;
   do {
-    seconds = time(nullptr);
+    gettimeofday(&tv, nullptr);
+    seconds = tv.tv_sec;
     date = orv::get_gmt_date();
     stamp = orv::get_gmt_time();
-  } while (time(nullptr) != seconds);
+    gettimeofday(&tv, nullptr);
+  } while (tv.tv_sec != seconds);
   struct tm local;
   localtime_r(&seconds, &local);
 

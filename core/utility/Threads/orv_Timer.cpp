@@ -16,8 +16,8 @@ using Memory::orv_shared_ptr;
 using Memory::orv_shared_ptr_base;
 using Memory::Singleton;
 
-std::list<orv_shared_ptr<Timer>> Timer::iTimers;
-Synchronization::AppConditionMutex Timer::TimerThreadState(0);
+std::list<orv_shared_ptr<Timer>>& Timer::iTimers = *new std::list<orv_shared_ptr<Timer>>();
+Synchronization::AppConditionMutex& Timer::TimerThreadState = *new Synchronization::AppConditionMutex(0);
 
 Timer::Timer() : _one_shot(0), _interval(0), _deadline(0), _start_time(0) {}
 

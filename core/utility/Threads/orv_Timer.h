@@ -51,8 +51,10 @@ class ORV_API Timer {
   uint64_t _start_time;
   Memory::orv_shared_ptr<ASRDispatchTaskBase> _task;
 
-  static std::list<Memory::orv_shared_ptr<Timer>> iTimers;
-  static Synchronization::AppConditionMutex TimerThreadState;
+  // Never destroyed: the timer thread, a pool thread, may still run while
+  // the static destructors do at exit.
+  static std::list<Memory::orv_shared_ptr<Timer>>& iTimers;
+  static Synchronization::AppConditionMutex& TimerThreadState;
 };
 
 }  // namespace Threads

@@ -15,8 +15,8 @@ using Memory::orv_shared_ptr;
 using Memory::orv_shared_ptr_base;
 using Memory::Singleton;
 
-std::list<orv_shared_ptr<RefreshTimer>> RefreshTimer::iTimers;
-Synchronization::AppConditionMutex RefreshTimer::TimerThreadState(0);
+std::list<orv_shared_ptr<RefreshTimer>>& RefreshTimer::iTimers = *new std::list<orv_shared_ptr<RefreshTimer>>();
+Synchronization::AppConditionMutex& RefreshTimer::TimerThreadState = *new Synchronization::AppConditionMutex(0);
 
 RefreshTimer::RefreshTimer() : _interval(0), _deadline(0), _start_time(0) {}
 
