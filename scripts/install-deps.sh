@@ -10,7 +10,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config clang python3 openssl
+  build-essential cmake pkg-config clang libclang-rt-14-dev python3 openssl
   libcurl4-openssl-dev libssl-dev uuid-dev libcjson-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )

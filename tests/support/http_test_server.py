@@ -60,6 +60,13 @@ Endpoints (every request except /_stats is counted by path):
                         chunk as soon as it arrived, while the upload goes on; status
                         ?status= (200); the bytes echoed are recorded as an upload
                         under ?id= (once written back)
+  /fault/reset          reads the request, then resets the connection (RST, no answer)
+  /fault/garbage        answers ?text= (default: non-HTTP bytes) instead of HTTP, closes
+  /fault/stall          reads the request and sends nothing for ?delay= seconds (30)
+  /fault/drip           200 with ?n= bytes (20) of body, one byte every ?interval= s (0.05)
+  /fault/huge_headers   200 with ?count= extra header lines (100) of ?size= bytes (40)
+                        each, named X-Big-<i>, then the body "big"
+  /fault/truncate       200 announcing ?length= bytes (1000), sends ?sent= (100), closes
 
 New endpoints are functions taking (handler, query) added to ROUTES (exact paths) or
 PREFIX_ROUTES; read_body() already understands chunked request bodies,
@@ -70,6 +77,8 @@ import argparse
 import hashlib
 import json
 import os
+import socket
+import struct
 import ssl
 import subprocess
 import sys
@@ -349,6 +358,61 @@ def route_duplex(handler, query):
     STATE.upload_update(rid, state="done")
     handler.wfile.write(b"0\r\n\r\n")
     handler.wfile.flush()
+def route_fault_reset(handler, query):
+    read_body(handler)
+    # SO_LINGER with a zero time-out makes close() send RST instead of FIN.
+    handler.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    handler.close_connection = True
+    handler.connection.close()
+
+
+def route_fault_garbage(handler, query):
+    read_body(handler)
+    text = param(query, "text", "\x00\x01garbage, not HTTP at all\r\n\r\n")
+    handler.wfile.write(text.encode("latin-1"))
+    handler.wfile.flush()
+    handler.close_connection = True
+
+
+def route_fault_stall(handler, query):
+    read_body(handler)
+    STATE.stop.wait(float(param(query, "delay", "30")))
+    handler.close_connection = True
+
+
+def route_fault_drip(handler, query):
+    read_body(handler)
+    n = int(param(query, "n", "20"))
+    interval = float(param(query, "interval", "0.05"))
+    handler.send_response(200)
+    handler.send_header("Content-Length", str(n))
+    handler.end_headers()
+    handler.wfile.flush()
+    for i in range(n):
+        if STATE.stop.wait(interval):
+            break
+        handler.wfile.write(bytes([ord("a") + i % 26]))
+        handler.wfile.flush()
+
+
+def route_fault_huge_headers(handler, query):
+    count = int(param(query, "count", "100"))
+    size = int(param(query, "size", "40"))
+    lines = ["X-Big-%d: %s" % (i, "v" * size) for i in range(count)]
+    read_body(handler)
+    send_bytes(handler, 200, b"big", extra=lines)
+
+
+def route_fault_truncate(handler, query):
+    read_body(handler)
+    length = int(param(query, "length", "1000"))
+    sent = int(param(query, "sent", "100"))
+    handler.send_response(200)
+    handler.send_header("Content-Length", str(length))
+    handler.end_headers()
+    handler.wfile.write(b"t" * sent)
+    handler.wfile.flush()
+    handler.close_connection = True
 
 
 def route_stats(handler, query):
@@ -426,6 +490,12 @@ ROUTES = {
     "/stream": route_stream,
     "/duplex": route_duplex,
     "/_stats": route_stats,
+    "/fault/reset": route_fault_reset,
+    "/fault/garbage": route_fault_garbage,
+    "/fault/stall": route_fault_stall,
+    "/fault/drip": route_fault_drip,
+    "/fault/huge_headers": route_fault_huge_headers,
+    "/fault/truncate": route_fault_truncate,
 }
 PREFIX_ROUTES = {
     "/status/": route_status,

@@ -53,5 +53,20 @@ void orv_HttpResponse::receive_new_data(const char* data, unsigned len) {
   _data = orv_shared_ptr<char>(block, &free);
 }
 
+void orv_HttpResponse::receive_header_line(const char* line, size_t len) {
+  if (line == nullptr) return;
+  const char* end = line + len;
+  const char* colon = static_cast<const char*>(memchr(line, ':', len));
+  if (colon == nullptr) return;
+  const char* value = colon + 1;
+  while (value < end && (*value == ' ' || *value == '\t')) ++value;
+  const char* value_end = value;
+  while (value_end < end && *value_end != '\r' && *value_end != '\n' && *value_end != '\0') {
+    ++value_end;
+  }
+  _headers[std::string(line, static_cast<size_t>(colon - line))] =
+      std::string(value, static_cast<size_t>(value_end - value));
+}
+
 }  // namespace Networking
 }  // namespace orv

@@ -11,6 +11,7 @@
 #ifndef ORV_CORE_UTILITY_NETWORKING_ORV_HTTPRESPONSE_H
 #define ORV_CORE_UTILITY_NETWORKING_ORV_HTTPRESPONSE_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <map>
@@ -32,6 +33,11 @@ class ORV_API orv_HttpResponse {
   // Appends len bytes to the body, growing the block by exactly len bytes
   // and re-seating _data on it. A null or empty append is logged and ignored.
   void receive_new_data(const char* data, unsigned len);
+  // One header line as libcurl hands it over (len bytes, not NUL-terminated):
+  // "name: value" sets _headers[name] (a repeated name keeps its last value);
+  // blanks and tabs after the ':' are skipped, the value ends at the first
+  // CR, LF or NUL. Lines without ':' (status line, blank line) are ignored.
+  void receive_header_line(const char* line, size_t len);
 
   orv_HttpResponse(const orv_HttpResponse&) = delete;
   orv_HttpResponse& operator=(const orv_HttpResponse&) = delete;

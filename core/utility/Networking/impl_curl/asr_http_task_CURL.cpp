@@ -520,18 +520,7 @@ size_t orv_HttpTask_impl::http_receive_header_cb(char* data, size_t size, size_t
                                                  void* user) {
   size_t total = size * count;
   orv_HttpResponse* response = static_cast<orv_HttpResponse*>(user);
-  if (response == nullptr || data == nullptr) return total;
-  const char* end = data + total;
-  const char* colon = static_cast<const char*>(memchr(data, ':', total));
-  if (colon == nullptr) return total;
-  const char* value = colon + 1;
-  while (value < end && (*value == ' ' || *value == '\t')) ++value;
-  const char* value_end = value;
-  while (value_end < end && *value_end != '\r' && *value_end != '\n' && *value_end != '\0') {
-    ++value_end;
-  }
-  response->_headers[std::string(data, static_cast<size_t>(colon - data))] =
-      std::string(value, static_cast<size_t>(value_end - value));
+  if (response != nullptr && data != nullptr) response->receive_header_line(data, total);
   return total;
 }
 
