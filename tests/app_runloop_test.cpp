@@ -17,23 +17,10 @@ using orv::Memory::orv_weak_ptr;
 using orv::Threads::AppRunloop;
 using orv::Threads::ASRDispatchTaskBase;
 using orv::Threads::ASRDispatchTaskWithResPointer;
+using orv_test::closure;
 using orv_test::Gate;
 using orv_test::Tracked;
 using orv_test::wait_until;
-
-typedef orv_shared_ptr<ASRDispatchTaskBase> TaskPtr;
-
-// A task running a std::function; the tests' way to queue closures.
-class Closure : public ASRDispatchTaskBase {
- public:
-  explicit Closure(std::function<void()> body) : body_(std::move(body)) {}
-  void execute() override { body_(); }
-
- private:
-  std::function<void()> body_;
-};
-
-TaskPtr closure(std::function<void()> body) { return TaskPtr(new Closure(std::move(body))); }
 
 size_t queued(AppRunloop* loop, unsigned priority) {
   orv::Threads::Synchronization::AppLock lock(loop->_queue_mutex);

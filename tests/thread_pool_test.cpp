@@ -19,27 +19,15 @@ using orv::Memory::orv_shared_ptr_base;
 using orv::Memory::orv_weak_ptr;
 using orv::Memory::Singleton;
 using orv::Threads::AppRunloop;
-using orv::Threads::ASRDispatchTaskBase;
 using orv::Threads::GlobalThreadPool;
 using orv::Threads::PoolThreadListNode;
 using orv::Threads::ThreadPool;
+using orv_test::closure;
 using orv_test::Gate;
+using orv_test::NoNewThreads;
 using orv_test::StderrCapture;
 using orv_test::Tracked;
 using orv_test::wait_until;
-
-typedef orv_shared_ptr<ASRDispatchTaskBase> TaskPtr;
-
-class Closure : public ASRDispatchTaskBase {
- public:
-  explicit Closure(std::function<void()> body) : body_(std::move(body)) {}
-  void execute() override { body_(); }
-
- private:
-  std::function<void()> body_;
-};
-
-TaskPtr closure(std::function<void()> body) { return TaskPtr(new Closure(std::move(body))); }
 
 // Reads pool fields under its mutex.
 template <class F>
@@ -213,26 +201,6 @@ void count_run(orv_shared_ptr_base* param) {
   ++tracked->value;
 }
 
-// Makes pthread_create fail for threads started while it is in place.
-class NoNewThreads {
- public:
-  NoNewThreads() {
-    pthread_getattr_default_np(&saved_);
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, orv_test::unallocatable_stack_size());
-    pthread_setattr_default_np(&attr);
-    pthread_attr_destroy(&attr);
-  }
-  ~NoNewThreads() {
-    pthread_setattr_default_np(&saved_);
-    pthread_attr_destroy(&saved_);
-  }
-
- private:
-  pthread_attr_t saved_;
-};
-
 // A pool that cannot start a thread keeps the task in _pending; the next
 // thread that finishes a task serves it, in order.
 TEST(ThreadPoolTest, PendingTasksWaitForTheNextFreeThread) {
@@ -324,12 +292,7 @@ TEST(ThreadPoolTest, StopOnABusyPoolLeavesItLocked) {
   }), nullptr);
   ASSERT_TRUE(wait_until([&] { return running.load(); }));
   pool->stop();
-  bool free = true;
-  std::thread([&] {
-    free = pool->_pool_mutex->tryLock();
-    if (free) pool->_pool_mutex->Unlock();
-  }).join();
-  EXPECT_FALSE(free);
+  EXPECT_TRUE(orv_test::held_elsewhere(*pool->_pool_mutex));
   EXPECT_EQ(pool->_pool_mutex->_condition, orv::Threads::POOL_RUNNING);
   // The busy thread now blocks for good once its task ends; the pool is
   // left to the process exit.
