@@ -40,11 +40,6 @@ TEST_F(Log, LevelsDecideWhatIsWritten) {
     EXPECT_EQ(capture.text(), "");
   }
   orv::set_log_level(orv::LOG_WARN);
-  EXPECT_EQ(orv::get_current_log_level(), 3);
-  EXPECT_TRUE(orv::can_log(orv::LOG_FATAL));
-  EXPECT_TRUE(orv::can_log(orv::LOG_WARN));
-  EXPECT_FALSE(orv::can_log(4));
-  EXPECT_FALSE(orv::can_log(orv::LOG_TRACE));
   {
     StderrCapture capture;
     ORV_LOG_ERROR("[ERROR]-[%s][%s:2]kept\n");
@@ -101,8 +96,6 @@ TEST_F(Log, FileNameAndSize) {
   EXPECT_EQ(orv::get_file_size(dir.file("f").c_str()), 1234);
   EXPECT_EQ(orv::get_file_size(dir.file("missing").c_str()), -1);
   EXPECT_EQ(orv::get_file_size(nullptr), -1);
-  EXPECT_EQ(orv::TimeRecord::get_file_size(dir.file("f").c_str()), 1234);
-  EXPECT_EQ(orv::TimeRecord::get_file_size(dir.file("missing").c_str()), -1);
 }
 
 TEST_F(Log, LinesGoToTheFileWhileOpenAndBackToStderrAfterClose) {
@@ -122,8 +115,6 @@ TEST_F(Log, LinesGoToTheFileWhileOpenAndBackToStderrAfterClose) {
   EXPECT_EQ(orv::LogFile::_s_log_file_size, 0u);
   orv::LogFile::log("three\n");
   orv::LogFile::close_log_file();
-  EXPECT_EQ(orv::LogFile::_s_log_file.load(), nullptr);
-  EXPECT_EQ(orv::LogFile::_s_log_file_name, "");
   {
     StderrCapture capture;
     orv::LogFile::log("four\n");
@@ -178,7 +169,7 @@ TEST_F(Log, RotatesAtTheExactThresholdWithTheTriggeringLineFirst) {
   EXPECT_EQ(read_file(path + ".bak"), std::string(kUnit, 'c'));
 }
 
-TEST_F(Log, AFileRemovedFromOutsideIsRecreated) {
+TEST_F(Log, RemovedFileIsRecreatedAndZeroLimitNeverRotates) {
   TempDir dir;
   std::string path = dir.file("orv.log");
   orv::LogFile::open_log_file(path.c_str(), 1);
@@ -186,12 +177,10 @@ TEST_F(Log, AFileRemovedFromOutsideIsRecreated) {
   unlink(path.c_str());
   orv::LogFile::log("two\n");  // size -1 counts as full: recreated
   EXPECT_EQ(read_file(path), "two\n");
-}
+  orv::LogFile::close_log_file();
 
-TEST_F(Log, NoRotationWithZeroLimit) {
-  TempDir dir;
-  std::string path = dir.file("orv.log");
   write_file(path, std::string(kUnit + 10, 'a'));
+  unlink((path + ".bak").c_str());
   orv::LogFile::open_log_file(path.c_str(), 0);
   orv::LogFile::log("x\n");
   EXPECT_EQ(orv::get_file_size(path.c_str()), static_cast<int>(kUnit) + 12);
