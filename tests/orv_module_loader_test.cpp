@@ -90,7 +90,6 @@ TEST_F(ModuleLoader, MissingLibraryGivesTheFailureText) {
   orv_shared_ptr<EventManager> module = load("X", error);
   std::string log = capture.text();
   EXPECT_EQ(module.getPTR(), nullptr);
-  EXPECT_EQ(error, failure("X"));
   EXPECT_EQ(error, "Module loader not registered for module X make sure you have linked required "
                    "libraries!");
   EXPECT_NE(log.find("[orv_Dynamic_Module_Loader.cpp:20][MODULE_LOAD] try load: X\n"),
