@@ -17,6 +17,7 @@ using orv::Memory::orv_shared_ptr_base;
 using orv::Memory::orv_weak_ptr;
 using orv::Threads::DispatchQueue;
 using orv_test::raw_closure;
+using orv_test::Blocker;
 using orv_test::Gate;
 using orv_test::Tracked;
 using orv_test::wait_until;
@@ -147,14 +148,9 @@ void count_run(orv_shared_ptr_base* param) {
 TEST(DispatchQueueTest, CancelDropsBacklogRunningTaskFinishes) {
   for (bool sync_form : {false, true}) {
     orv_shared_ptr<DispatchQueue> queue = DispatchQueue::alloc(1);
-    Gate gate;
-    std::atomic<bool> running{false}, finished{false};
-    queue->runTaskAsync(raw_closure([&] {
-      running = true;
-      gate.wait();
-      finished = true;
-    }), nullptr);
-    ASSERT_TRUE(wait_until([&] { return running.load(); }));
+    Blocker blocker;
+    queue->runTaskAsync(raw_closure(blocker.body()), nullptr);
+    ASSERT_TRUE(blocker.started());
     orv_shared_ptr<Tracked> object(new Tracked(0));
     for (int i = 0; i < 5; ++i) ASSERT_TRUE(queue->runTaskAsync(&count_run, &object));
     EXPECT_EQ(orv_test::strong_count(object), 6);
@@ -163,17 +159,17 @@ TEST(DispatchQueueTest, CancelDropsBacklogRunningTaskFinishes) {
       EXPECT_EQ(queue->cancel(), 5);
       EXPECT_EQ(state(queue.getPTR()), 1);
       EXPECT_EQ(orv_test::strong_count(object), 1);
-      gate.open();
+      blocker.gate.open();
       ASSERT_TRUE(wait_until([&] { return state(queue.getPTR()) == 2; }));
     } else {
       std::atomic<int> result{-1};
       std::thread canceller([&] { result = queue->cancel_sync(); });
       ASSERT_TRUE(wait_until([&] { return orv_test::strong_count(object) == 1; }));
       EXPECT_EQ(result, -1);  // still waiting for the running task
-      gate.open();
+      blocker.gate.open();
       canceller.join();
       EXPECT_EQ(result, 5);
-      EXPECT_TRUE(finished);
+      EXPECT_TRUE(blocker.finished);
       EXPECT_EQ(state(queue.getPTR()), 2);
     }
     EXPECT_EQ(object->value, 0);
@@ -231,13 +227,9 @@ TEST(DispatchQueueTest, SyncSubmissionWaitsForTheRun) {
 // required behaviour. The waiter is left blocked until the process ends.
 TEST(DispatchQueueTest, CancelledSyncWaiterIsNotWoken) {
   orv_shared_ptr<DispatchQueue> queue = DispatchQueue::alloc(1);
-  Gate gate;
-  std::atomic<bool> running{false};
-  queue->runTaskAsync(raw_closure([&] {
-    running = true;
-    gate.wait();
-  }), nullptr);
-  ASSERT_TRUE(wait_until([&] { return running.load(); }));
+  Blocker blocker;
+  queue->runTaskAsync(raw_closure(blocker.body()), nullptr);
+  ASSERT_TRUE(blocker.started());
   auto returned = std::make_shared<std::atomic<bool>>(false);
   orv_shared_ptr<DispatchQueue> held = queue;
   std::thread([returned, held] {
@@ -246,7 +238,7 @@ TEST(DispatchQueueTest, CancelledSyncWaiterIsNotWoken) {
   }).detach();
   ASSERT_TRUE(wait_until([&] { return backlog(queue.getPTR()) == 1; }));
   EXPECT_EQ(queue->cancel(), 1);
-  gate.open();
+  blocker.gate.open();
   ASSERT_TRUE(wait_until([&] { return state(queue.getPTR()) == 2; }));
   // Nothing to await for "never": give it a moment and check.
   std::this_thread::sleep_for(std::chrono::milliseconds(50));

@@ -23,6 +23,7 @@ using orv::Threads::GlobalThreadPool;
 using orv::Threads::PoolThreadListNode;
 using orv::Threads::ThreadPool;
 using orv_test::closure;
+using orv_test::Blocker;
 using orv_test::Gate;
 using orv_test::NoNewThreads;
 using orv_test::StderrCapture;
@@ -241,14 +242,9 @@ TEST(ThreadPoolTest, PendingTasksWaitForTheNextFreeThread) {
 TEST(ThreadPoolTest, CancelSyncWaitsForTheRunningTaskAndDropsPending) {
   orv::set_log_level(orv::LOG_DEBUG);
   orv_shared_ptr<ThreadPool> pool = ThreadPool::alloc(1);
-  Gate gate;
-  std::atomic<bool> running{false}, finished{false};
-  pool->runTaskAsync(closure([&] {
-    running = true;
-    gate.wait();
-    finished = true;
-  }), nullptr);
-  ASSERT_TRUE(wait_until([&] { return running.load(); }));
+  Blocker blocker;
+  pool->runTaskAsync(closure(blocker.body()), nullptr);
+  ASSERT_TRUE(blocker.started());
   orv_shared_ptr<Tracked> object(new Tracked(0));
   {
     NoNewThreads no_threads;
@@ -267,9 +263,9 @@ TEST(ThreadPoolTest, CancelSyncWaitsForTheRunningTaskAndDropsPending) {
   EXPECT_FALSE(pool->runTaskAsync(&count_run, &object, nullptr));  // stopping
   std::string log = capture.text();
   EXPECT_NE(log.find("[ThreadPool.cpp:87]runTaskAsync con=1\n"), std::string::npos) << log;
-  gate.open();
+  blocker.gate.open();
   canceller.join();
-  EXPECT_TRUE(finished);
+  EXPECT_TRUE(blocker.finished);
   EXPECT_EQ(object->value, 0);
   EXPECT_EQ(thread_count(pool.getPTR()), 0);
   StderrCapture after;
@@ -284,40 +280,31 @@ TEST(ThreadPoolTest, CancelSyncWaitsForTheRunningTaskAndDropsPending) {
 // stop() on a busy pool returns holding the pool mutex (designed behaviour).
 TEST(ThreadPoolTest, StopOnABusyPoolLeavesItLocked) {
   orv_shared_ptr<ThreadPool> pool = ThreadPool::alloc(1);
-  Gate gate;
-  std::atomic<bool> running{false};
-  pool->runTaskAsync(closure([&] {
-    running = true;
-    gate.wait();
-  }), nullptr);
-  ASSERT_TRUE(wait_until([&] { return running.load(); }));
+  static Blocker blocker;  // the task still touches it after this test returns
+  pool->runTaskAsync(closure(blocker.body()), nullptr);
+  ASSERT_TRUE(blocker.started());
   pool->stop();
   EXPECT_TRUE(orv_test::held_elsewhere(*pool->_pool_mutex));
   EXPECT_EQ(pool->_pool_mutex->_condition, orv::Threads::POOL_RUNNING);
   // The busy thread now blocks for good once its task ends; the pool is
   // left to the process exit.
-  gate.open();
+  blocker.gate.open();
 }
 
 TEST(ThreadPoolTest, StopSyncWaitsForBusyThreads) {
   orv_shared_ptr<ThreadPool> pool = ThreadPool::alloc(2);
-  Gate gate;
-  std::atomic<bool> running{false}, finished{false};
-  pool->runTaskAsync(closure([&] {
-    running = true;
-    gate.wait();
-    finished = true;
-  }), nullptr);
-  ASSERT_TRUE(wait_until([&] { return running.load(); }));
+  Blocker blocker;
+  pool->runTaskAsync(closure(blocker.body()), nullptr);
+  ASSERT_TRUE(blocker.started());
   std::thread stopper([&] { pool->stop_sync(); });
   ASSERT_TRUE(wait_until([&] {
     return locked(pool.getPTR(), [&] { return pool->_pool_mutex->_condition; }) ==
            orv::Threads::POOL_STOPPING;
   }));
   EXPECT_FALSE(pool->runTaskAsync(closure([] {}), nullptr));
-  gate.open();
+  blocker.gate.open();
   stopper.join();
-  EXPECT_TRUE(finished);
+  EXPECT_TRUE(blocker.finished);
   EXPECT_EQ(locked(pool.getPTR(), [&] { return pool->_pool_mutex->_condition; }),
             orv::Threads::POOL_STOPPED);
   pool->stop_sync();  // already stopped: returns at once

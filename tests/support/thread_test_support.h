@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "orv/orv.h"
+#include "support/test_support.h"
 
 namespace orv_test {
 
@@ -61,6 +62,21 @@ inline TaskPtr closure(std::function<void()> body) { return TaskPtr(new Closure(
 inline orv::Threads::ASRDispatchTaskBase* raw_closure(std::function<void()> body) {
   return new Closure(std::move(body));
 }
+
+// The body of a task that shows it runs, then holds its thread until the
+// gate opens.
+struct Blocker {
+  Gate gate;
+  std::atomic<bool> running{false}, finished{false};
+  std::function<void()> body() {
+    return [this] {
+      running = true;
+      gate.wait();
+      finished = true;
+    };
+  }
+  bool started() { return wait_until([this] { return running.load(); }); }
+};
 
 // Counts live instances and destructions.
 struct Tracked {
