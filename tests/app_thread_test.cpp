@@ -10,6 +10,7 @@
 
 namespace {
 
+using orv_test::has;
 using orv::Memory::orv_shared_ptr;
 using orv::Memory::orv_shared_ptr_base;
 using orv::Memory::orv_weak_ptr;
@@ -88,8 +89,8 @@ TEST(AppThreadTest, RunOnceJoinDetachAndName) {
   StderrCapture first;
   thread->join();
   std::string joined = first.text();
-  EXPECT_NE(joined.find("[AppThread.cpp:256]pthread_join + id="), std::string::npos) << joined;
-  EXPECT_NE(joined.find("[AppThread.cpp:258]pthread_join -\n"), std::string::npos) << joined;
+  EXPECT_TRUE(has(joined, "[AppThread.cpp:256]pthread_join + id=")) << joined;
+  EXPECT_TRUE(has(joined, "[AppThread.cpp:258]pthread_join -\n")) << joined;
   EXPECT_FALSE(thread->_joinable);
 
   // Joined: neither a second join nor detach touch the stale handle.
@@ -198,7 +199,7 @@ TEST(AppThreadTest, SmallDefaultStackIsRaisedToOneMebibyte) {
     }
     thread->join();
     EXPECT_EQ(probe.stack_size, c.got);
-    EXPECT_NE(log.find(c.line), std::string::npos) << log;
+    EXPECT_TRUE(has(log, c.line)) << log;
     bool raised = c.got != c.default_size;
     EXPECT_EQ(log.find("[WARN]-[") != std::string::npos, raised) << log;
     EXPECT_EQ(log.find("[AppThread.cpp:86]Default thread stack is too small, trying to increase "

@@ -13,6 +13,7 @@
 
 namespace {
 
+using orv_test::has;
 using orv::Context;
 using orv::EventManager;
 using orv::Message;
@@ -206,8 +207,7 @@ TEST(Context, AReleasedContextDeliversNothingMore) {
   releaser.join();
   std::string log = capture.text();
   orv::set_log_level(0);
-  EXPECT_NE(log.find("[orv_Context.cpp:91][Context::release_instance] cancel ctxQueue\n"),
-            std::string::npos)
+  EXPECT_TRUE(has(log, "[orv_Context.cpp:91][Context::release_instance] cancel ctxQueue\n"))
       << log;
   EXPECT_EQ(journal.size(), 1u);  // only "block"
 

@@ -10,6 +10,7 @@
 
 namespace {
 
+using orv_test::has;
 using orv::Memory::orv_shared_ptr;
 using orv::Memory::orv_shared_ptr_base;
 using orv::Threads::ASRDispatchTaskBase;
@@ -170,8 +171,8 @@ TEST(TimerTest, NullTaskIsLoggedAndScheduled) {
       RefreshTimer::createTimerWithTask(orv_shared_ptr<ASRDispatchTaskBase>(), 5000);
   std::string log = capture.text();
   ASSERT_NE(timer.getPTR(), nullptr);
-  EXPECT_NE(log.find("[orv_Timer.cpp:37]NULL task to timer\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("[orv_Timer_refresh.cpp:38]NULL task to timer\n"), std::string::npos) << log;
+  EXPECT_TRUE(has(log, "[orv_Timer.cpp:37]NULL task to timer\n")) << log;
+  EXPECT_TRUE(has(log, "[orv_Timer_refresh.cpp:38]NULL task to timer\n")) << log;
   EXPECT_TRUE(timer->cancel());
   EXPECT_TRUE(refresh->cancel());
 }

@@ -16,6 +16,7 @@
 
 namespace {
 
+using orv_test::has;
 using orv_test::read_file;
 using orv_test::StderrCapture;
 using orv_test::TempDir;
@@ -47,9 +48,9 @@ TEST_F(Log, LevelsDecideWhatIsWritten) {
     ORV_LOG_DEBUG("[DEBUG]-[%s][%s:4]dropped\n");
     ORV_LOG_TRACE("[TRACE]-[%s][%s:5]dropped\n");
     std::string text = capture.text();
-    EXPECT_NE(text.find(":2]kept"), std::string::npos);
-    EXPECT_NE(text.find(":3]kept"), std::string::npos);
-    EXPECT_EQ(text.find("dropped"), std::string::npos);
+    EXPECT_TRUE(has(text, ":2]kept"));
+    EXPECT_TRUE(has(text, ":3]kept"));
+    EXPECT_FALSE(has(text, "dropped"));
   }
   orv::set_log_level(6);
   EXPECT_TRUE(orv::can_log(6));
@@ -122,7 +123,7 @@ TEST_F(Log, LinesGoToTheFileWhileOpenAndBackToStderrAfterClose) {
   }
   std::string content = read_file(path);
   EXPECT_EQ(content.substr(0, 4), "one\n");
-  EXPECT_NE(content.find("]two\n"), std::string::npos);
+  EXPECT_TRUE(has(content, "]two\n"));
   EXPECT_EQ(content.substr(content.size() - 6), "three\n");
   EXPECT_FALSE(std::ifstream(dir.file("other.log")).good());
 }

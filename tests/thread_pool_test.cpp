@@ -14,6 +14,7 @@
 
 namespace {
 
+using orv_test::has;
 using orv::Memory::orv_shared_ptr;
 using orv::Memory::orv_shared_ptr_base;
 using orv::Memory::orv_weak_ptr;
@@ -262,7 +263,7 @@ TEST(ThreadPoolTest, CancelSyncWaitsForTheRunningTaskAndDropsPending) {
   StderrCapture capture;
   EXPECT_FALSE(pool->runTaskAsync(&count_run, &object, nullptr));  // stopping
   std::string log = capture.text();
-  EXPECT_NE(log.find("[ThreadPool.cpp:87]runTaskAsync con=1\n"), std::string::npos) << log;
+  EXPECT_TRUE(has(log, "[ThreadPool.cpp:87]runTaskAsync con=1\n")) << log;
   blocker.gate.open();
   canceller.join();
   EXPECT_TRUE(blocker.finished);
@@ -272,8 +273,8 @@ TEST(ThreadPoolTest, CancelSyncWaitsForTheRunningTaskAndDropsPending) {
   EXPECT_FALSE(pool->runTaskAsync(&count_run, &object, nullptr));
   pool->cancel();
   log = after.text();
-  EXPECT_NE(log.find("runTaskAsync con=2\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("[ThreadPool.cpp:141]ThreadPool::cancel()\n"), std::string::npos) << log;
+  EXPECT_TRUE(has(log, "runTaskAsync con=2\n")) << log;
+  EXPECT_TRUE(has(log, "[ThreadPool.cpp:141]ThreadPool::cancel()\n")) << log;
   orv::set_log_level(0);
 }
 
