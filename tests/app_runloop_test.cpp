@@ -17,23 +17,11 @@ using orv::Memory::orv_weak_ptr;
 using orv::Threads::AppRunloop;
 using orv::Threads::ASRDispatchTaskBase;
 using orv::Threads::ASRDispatchTaskWithResPointer;
+using orv_test::closure;
+using orv_test::Blocker;
 using orv_test::Gate;
 using orv_test::Tracked;
 using orv_test::wait_until;
-
-typedef orv_shared_ptr<ASRDispatchTaskBase> TaskPtr;
-
-// A task running a std::function; the tests' way to queue closures.
-class Closure : public ASRDispatchTaskBase {
- public:
-  explicit Closure(std::function<void()> body) : body_(std::move(body)) {}
-  void execute() override { body_(); }
-
- private:
-  std::function<void()> body_;
-};
-
-TaskPtr closure(std::function<void()> body) { return TaskPtr(new Closure(std::move(body))); }
 
 size_t queued(AppRunloop* loop, unsigned priority) {
   orv::Threads::Synchronization::AppLock lock(loop->_queue_mutex);
@@ -175,14 +163,9 @@ TEST(AppRunloopTest, CancelDropsQueueReleasesParamsAndWaiters) {
   for (bool sync_form : {false, true}) {
     orv_shared_ptr<AppRunloop> loop = AppRunloop::alloc(1, "orv-cancel");
     ASSERT_TRUE(loop);
-    Gate gate;
-    std::atomic<bool> running{false}, finished{false};
-    loop->runTaskAsync(closure([&] {
-      running = true;
-      gate.wait();
-      finished = true;
-    }), 0);
-    ASSERT_TRUE(wait_until([&] { return running.load(); }));
+    Blocker blocker;
+    loop->runTaskAsync(closure(blocker.body()), 0);
+    ASSERT_TRUE(blocker.started());
 
     int destroyed_before = Tracked::destroyed();
     orv_shared_ptr<Tracked> object(new Tracked(0));
@@ -202,13 +185,13 @@ TEST(AppRunloopTest, CancelDropsQueueReleasesParamsAndWaiters) {
     for (auto& w : waiters) w.join();  // released without the running task finishing
     EXPECT_EQ(sync_returned, 2);
     EXPECT_EQ(sync_results, 0);
-    EXPECT_FALSE(finished);
+    EXPECT_FALSE(blocker.finished);
     EXPECT_TRUE(wait_until([&] { return orv_test::strong_count(object) == 1; }));
-    EXPECT_FALSE(finished);
-    gate.open();
+    EXPECT_FALSE(blocker.finished);
+    blocker.gate.open();
     canceller.join();
     if (sync_form) {
-      EXPECT_TRUE(finished);  // cancel_sync joined the thread
+      EXPECT_TRUE(blocker.finished);  // cancel_sync joined the thread
     }
     EXPECT_FALSE(loop->runTaskAsync(&add_one, &object, 0));
     EXPECT_EQ(object->value, 0);

@@ -10,6 +10,7 @@
 
 namespace {
 
+using orv_test::has;
 using orv::Memory::orv_shared_ptr;
 using orv::Memory::orv_shared_ptr_base;
 using orv::Memory::orv_weak_ptr;
@@ -88,8 +89,8 @@ TEST(AppThreadTest, RunOnceJoinDetachAndName) {
   StderrCapture first;
   thread->join();
   std::string joined = first.text();
-  EXPECT_NE(joined.find("[AppThread.cpp:256]pthread_join + id="), std::string::npos) << joined;
-  EXPECT_NE(joined.find("[AppThread.cpp:258]pthread_join -\n"), std::string::npos) << joined;
+  EXPECT_TRUE(has(joined, "[AppThread.cpp:256]pthread_join + id=")) << joined;
+  EXPECT_TRUE(has(joined, "[AppThread.cpp:258]pthread_join -\n")) << joined;
   EXPECT_FALSE(thread->_joinable);
 
   // Joined: neither a second join nor detach touch the stale handle.
@@ -173,69 +174,51 @@ TEST(AppThreadTest, EntryGetsItsParameterWhichIsDeletedAfterwards) {
   AppThread::sleep(0);
 }
 
-// Runs a thread under the given process default stack size and returns the
-// size the thread actually got, and the log text of run().
-size_t stack_of_thread_with_default(size_t default_size, std::string* log) {
-  pthread_attr_t saved;
-  EXPECT_EQ(pthread_getattr_default_np(&saved), 0);
-  pthread_attr_t attr;
-  pthread_attr_init(&attr);
-  EXPECT_EQ(pthread_attr_setstacksize(&attr, default_size), 0);
-  EXPECT_EQ(pthread_setattr_default_np(&attr), 0);
-  pthread_attr_destroy(&attr);
-
-  Probe probe;
-  probe.start.open();
-  probe.finish.open();
-  orv_shared_ptr<AppThread> thread = make_thread(new ProbeThread(&probe, nullptr));
-  orv::set_log_level(orv::LOG_TRACE);
-  StderrCapture capture;
-  EXPECT_TRUE(thread->run("orv-stack"));
-  *log = capture.text();
-  orv::set_log_level(0);
-  thread->join();
-
-  EXPECT_EQ(pthread_setattr_default_np(&saved), 0);
-  pthread_attr_destroy(&saved);
-  return probe.stack_size;
-}
-
+// A thread started under a process default stack size too small for the
+// library gets 1 MiB; a larger default is kept. Both sizes are logged.
 TEST(AppThreadTest, SmallDefaultStackIsRaisedToOneMebibyte) {
-  std::string log;
-  EXPECT_EQ(stack_of_thread_with_default(512 * 1024, &log), 1048576u);
-  EXPECT_NE(log.find("[AppThread.cpp:84]Default thread stack size: 524288\n"), std::string::npos)
-      << log;
-  EXPECT_NE(log.find("[WARN]-["), std::string::npos) << log;
-  EXPECT_NE(log.find("[AppThread.cpp:86]Default thread stack is too small, trying to increase "
-                     "size\n"),
-            std::string::npos)
-      << log;
-}
-
-TEST(AppThreadTest, LargeDefaultStackIsKept) {
-  std::string log;
-  EXPECT_EQ(stack_of_thread_with_default(8 * 1024 * 1024, &log), 8u * 1024 * 1024);
-  EXPECT_NE(log.find("Default thread stack size: 8388608\n"), std::string::npos) << log;
-  EXPECT_EQ(log.find("too small"), std::string::npos) << log;
+  struct {
+    size_t default_size, got;
+    const char* line;
+  } cases[] = {
+      {512 * 1024, 1048576, "[AppThread.cpp:84]Default thread stack size: 524288\n"},
+      {8 * 1024 * 1024, 8 * 1024 * 1024, "[AppThread.cpp:84]Default thread stack size: 8388608\n"},
+  };
+  for (const auto& c : cases) {
+    Probe probe;
+    probe.start.open();
+    probe.finish.open();
+    orv_shared_ptr<AppThread> thread = make_thread(new ProbeThread(&probe, nullptr));
+    orv::set_log_level(orv::LOG_TRACE);
+    std::string log;
+    {
+      orv_test::DefaultStackSize stack(c.default_size);
+      StderrCapture capture;
+      EXPECT_TRUE(thread->run("orv-stack"));
+      log = capture.text();
+    }
+    thread->join();
+    EXPECT_EQ(probe.stack_size, c.got);
+    EXPECT_TRUE(has(log, c.line)) << log;
+    bool raised = c.got != c.default_size;
+    EXPECT_EQ(log.find("[WARN]-[") != std::string::npos, raised) << log;
+    EXPECT_EQ(log.find("[AppThread.cpp:86]Default thread stack is too small, trying to increase "
+                       "size\n") != std::string::npos,
+              raised)
+        << log;
+  }
 }
 
 TEST(AppThreadTest, FailedCreationReportsFalseAndAllowsRetry) {
-  pthread_attr_t saved;
-  ASSERT_EQ(pthread_getattr_default_np(&saved), 0);
-  pthread_attr_t attr;
-  pthread_attr_init(&attr);
-  // More stack than the address space can give: pthread_create fails.
-  ASSERT_EQ(pthread_attr_setstacksize(&attr, orv_test::unallocatable_stack_size()), 0);
-  ASSERT_EQ(pthread_setattr_default_np(&attr), 0);
-  pthread_attr_destroy(&attr);
-
   Probe probe;
   probe.start.open();
   probe.finish.open();
   orv_shared_ptr<AppThread> thread = make_thread(new ProbeThread(&probe, nullptr));
-  bool started = thread->run("orv-huge");
-  ASSERT_EQ(pthread_setattr_default_np(&saved), 0);
-  pthread_attr_destroy(&saved);
+  bool started;
+  {
+    orv_test::NoNewThreads no_threads;
+    started = thread->run("orv-huge");
+  }
   ASSERT_FALSE(started);
   EXPECT_FALSE(thread->_started);
   EXPECT_EQ(orv_test::strong_count(thread), 1);  // the self reference was dropped

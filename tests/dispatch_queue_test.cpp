@@ -15,22 +15,12 @@ namespace {
 using orv::Memory::orv_shared_ptr;
 using orv::Memory::orv_shared_ptr_base;
 using orv::Memory::orv_weak_ptr;
-using orv::Threads::ASRDispatchTaskBase;
 using orv::Threads::DispatchQueue;
+using orv_test::raw_closure;
+using orv_test::Blocker;
 using orv_test::Gate;
 using orv_test::Tracked;
 using orv_test::wait_until;
-
-class Closure : public ASRDispatchTaskBase {
- public:
-  explicit Closure(std::function<void()> body) : body_(std::move(body)) {}
-  void execute() override { body_(); }
-
- private:
-  std::function<void()> body_;
-};
-
-ASRDispatchTaskBase* closure(std::function<void()> body) { return new Closure(std::move(body)); }
 
 int state(DispatchQueue* queue) {
   orv::Threads::Synchronization::AppLock lock(queue->_state_condition);
@@ -69,7 +59,7 @@ TEST(DispatchQueueTest, SerialQueueKeepsOrderUnderContention) {
   for (int p = 0; p < kProducers; ++p) {
     producers.emplace_back([&, p] {
       for (int i = 0; i < kPerProducer; ++i) {
-        ASSERT_TRUE(queue->runTaskAsync(closure([&, p, i] {
+        ASSERT_TRUE(queue->runTaskAsync(raw_closure([&, p, i] {
           overlap.enter();
           if (last[p] != i - 1) out_of_order = true;
           last[p] = i;
@@ -97,7 +87,7 @@ TEST(DispatchQueueTest, ConcurrencyBoundUnderContention) {
   for (int p = 0; p < 3; ++p) {
     producers.emplace_back([&] {
       for (int i = 0; i < 300; ++i) {
-        queue->runTaskAsync(closure([&] {
+        queue->runTaskAsync(raw_closure([&] {
           overlap.enter();
           std::this_thread::yield();
           overlap.leave();
@@ -122,7 +112,7 @@ TEST(DispatchQueueTest, BoundedQueueStartsBacklogInOrder) {
   std::vector<int> started;
   Overlap overlap;
   for (int i = 0; i < 10; ++i) {
-    queue->runTaskAsync(closure([&, i] {
+    queue->runTaskAsync(raw_closure([&, i] {
       overlap.enter();
       {
         std::lock_guard<std::mutex> lock(mutex);
@@ -158,14 +148,9 @@ void count_run(orv_shared_ptr_base* param) {
 TEST(DispatchQueueTest, CancelDropsBacklogRunningTaskFinishes) {
   for (bool sync_form : {false, true}) {
     orv_shared_ptr<DispatchQueue> queue = DispatchQueue::alloc(1);
-    Gate gate;
-    std::atomic<bool> running{false}, finished{false};
-    queue->runTaskAsync(closure([&] {
-      running = true;
-      gate.wait();
-      finished = true;
-    }), nullptr);
-    ASSERT_TRUE(wait_until([&] { return running.load(); }));
+    Blocker blocker;
+    queue->runTaskAsync(raw_closure(blocker.body()), nullptr);
+    ASSERT_TRUE(blocker.started());
     orv_shared_ptr<Tracked> object(new Tracked(0));
     for (int i = 0; i < 5; ++i) ASSERT_TRUE(queue->runTaskAsync(&count_run, &object));
     EXPECT_EQ(orv_test::strong_count(object), 6);
@@ -174,17 +159,17 @@ TEST(DispatchQueueTest, CancelDropsBacklogRunningTaskFinishes) {
       EXPECT_EQ(queue->cancel(), 5);
       EXPECT_EQ(state(queue.getPTR()), 1);
       EXPECT_EQ(orv_test::strong_count(object), 1);
-      gate.open();
+      blocker.gate.open();
       ASSERT_TRUE(wait_until([&] { return state(queue.getPTR()) == 2; }));
     } else {
       std::atomic<int> result{-1};
       std::thread canceller([&] { result = queue->cancel_sync(); });
       ASSERT_TRUE(wait_until([&] { return orv_test::strong_count(object) == 1; }));
       EXPECT_EQ(result, -1);  // still waiting for the running task
-      gate.open();
+      blocker.gate.open();
       canceller.join();
       EXPECT_EQ(result, 5);
-      EXPECT_TRUE(finished);
+      EXPECT_TRUE(blocker.finished);
       EXPECT_EQ(state(queue.getPTR()), 2);
     }
     EXPECT_EQ(object->value, 0);
@@ -203,16 +188,16 @@ TEST(DispatchQueueTest, StopLetsTheBacklogDrain) {
   queue->stopQueue_sync();  // idle: returns at once, stopped
   EXPECT_EQ(state(queue.getPTR()), 2);
   queue->stopQueue_sync();  // already stopped
-  EXPECT_FALSE(queue->runTaskAsync(closure([] {}), nullptr));
+  EXPECT_FALSE(queue->runTaskAsync(raw_closure([] {}), nullptr));
 
   queue = DispatchQueue::alloc(1);
   Gate gate;
   std::atomic<int> ran{0};
-  queue->runTaskAsync(closure([&] { gate.wait(); }), nullptr);
-  for (int i = 0; i < 4; ++i) queue->runTaskAsync(closure([&] { ++ran; }), nullptr);
+  queue->runTaskAsync(raw_closure([&] { gate.wait(); }), nullptr);
+  for (int i = 0; i < 4; ++i) queue->runTaskAsync(raw_closure([&] { ++ran; }), nullptr);
   queue->stopQueue();
   EXPECT_EQ(state(queue.getPTR()), 1);
-  EXPECT_FALSE(queue->runTaskAsync(closure([&] { ran += 100; }), nullptr));
+  EXPECT_FALSE(queue->runTaskAsync(raw_closure([&] { ran += 100; }), nullptr));
   std::atomic<bool> stopped{false};
   std::thread waiter([&] {
     queue->stopQueue_sync();
@@ -231,10 +216,10 @@ TEST(DispatchQueueTest, SyncSubmissionWaitsForTheRun) {
   EXPECT_TRUE(queue->runTaskSync(&count_run, &object));
   EXPECT_EQ(object->value, 1);
   std::atomic<int> ran{0};
-  EXPECT_TRUE(queue->runTaskSync(closure([&] { ++ran; })));
+  EXPECT_TRUE(queue->runTaskSync(raw_closure([&] { ++ran; })));
   EXPECT_EQ(ran, 1);
   queue->stopQueue();
-  EXPECT_FALSE(queue->runTaskSync(closure([&] { ++ran; })));
+  EXPECT_FALSE(queue->runTaskSync(raw_closure([&] { ++ran; })));
   EXPECT_EQ(ran, 1);
 }
 
@@ -242,22 +227,18 @@ TEST(DispatchQueueTest, SyncSubmissionWaitsForTheRun) {
 // required behaviour. The waiter is left blocked until the process ends.
 TEST(DispatchQueueTest, CancelledSyncWaiterIsNotWoken) {
   orv_shared_ptr<DispatchQueue> queue = DispatchQueue::alloc(1);
-  Gate gate;
-  std::atomic<bool> running{false};
-  queue->runTaskAsync(closure([&] {
-    running = true;
-    gate.wait();
-  }), nullptr);
-  ASSERT_TRUE(wait_until([&] { return running.load(); }));
+  Blocker blocker;
+  queue->runTaskAsync(raw_closure(blocker.body()), nullptr);
+  ASSERT_TRUE(blocker.started());
   auto returned = std::make_shared<std::atomic<bool>>(false);
   orv_shared_ptr<DispatchQueue> held = queue;
   std::thread([returned, held] {
-    held->runTaskSync(closure([] {}));
+    held->runTaskSync(raw_closure([] {}));
     *returned = true;
   }).detach();
   ASSERT_TRUE(wait_until([&] { return backlog(queue.getPTR()) == 1; }));
   EXPECT_EQ(queue->cancel(), 1);
-  gate.open();
+  blocker.gate.open();
   ASSERT_TRUE(wait_until([&] { return state(queue.getPTR()) == 2; }));
   // Nothing to await for "never": give it a moment and check.
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -271,8 +252,8 @@ TEST(DispatchQueueTest, TasksKeepTheQueueAlive) {
   orv_weak_ptr<DispatchQueue> weak(queue);
   Gate gate;
   std::atomic<int> ran{0};
-  queue->runTaskAsync(closure([&] { gate.wait(); }), nullptr);
-  for (int i = 0; i < 3; ++i) queue->runTaskAsync(closure([&] { ++ran; }), nullptr);
+  queue->runTaskAsync(raw_closure([&] { gate.wait(); }), nullptr);
+  for (int i = 0; i < 3; ++i) queue->runTaskAsync(raw_closure([&] { ++ran; }), nullptr);
   queue.releaseManagedPointer();
   EXPECT_TRUE(static_cast<bool>(orv_shared_ptr<DispatchQueue>(weak)));
   gate.open();

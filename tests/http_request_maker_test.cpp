@@ -17,17 +17,13 @@ using orv::Memory::orv_shared_ptr;
 using orv::Networking::orv_http_request_maker;
 using orv::Networking::orv_HttpRequest;
 using orv::Networking::orv_HttpResponse;
+using orv_test::body_of;
+using orv_test::has;
 using orv_test::HttpTestServer;
 using orv_test::StderrCapture;
 
 typedef orv_shared_ptr<orv_HttpResponse> Response;
 typedef orv_shared_ptr<orv_HttpRequest> Request;
-
-std::string body(const Response& r) { return std::string(r->_data.getPTR(), r->_length - 1); }
-
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
 
 void set_body(const Request& r, const std::string& data) {
   unsigned char* block = new unsigned char[data.size() + 1];
@@ -96,28 +92,28 @@ TEST_F(HttpRequestMakerTest, GetPostAndTheBodyLengthRule) {
   ASSERT_TRUE(r);
   EXPECT_EQ(r->_http_status, 200);
   EXPECT_EQ(r->_error_code, 0);
-  EXPECT_TRUE(has(body(r), "\"method\":\"GET\"")) << body(r);
+  EXPECT_TRUE(has(body_of(r), "\"method\":\"GET\"")) << body_of(r);
   // The empty Expect header suppresses the header altogether.
-  EXPECT_FALSE(has(body(r), "Expect")) << body(r);
+  EXPECT_FALSE(has(body_of(r), "Expect")) << body_of(r);
 
   Request post = orv_HttpRequest::requestWithUrl(server.http_url("/echo"));
   set_body(post, std::string("a=1\0&b", 6));
   r = orv_http_request_maker::execute(post);
-  EXPECT_TRUE(has(body(r), "\"method\":\"POST\"")) << body(r);
-  EXPECT_TRUE(has(body(r), "\"body_length\":6")) << body(r);
-  EXPECT_TRUE(has(body(r), "\"body\":\"a=1\\u0000&b\"")) << body(r);
-  EXPECT_FALSE(has(body(r), "Expect")) << body(r);
+  EXPECT_TRUE(has(body_of(r), "\"method\":\"POST\"")) << body_of(r);
+  EXPECT_TRUE(has(body_of(r), "\"body_length\":6")) << body_of(r);
+  EXPECT_TRUE(has(body_of(r), "\"body\":\"a=1\\u0000&b\"")) << body_of(r);
+  EXPECT_FALSE(has(body_of(r), "Expect")) << body_of(r);
 
   // A body pointer with length 0 (or below) is a GET.
   Request empty = orv_HttpRequest::requestWithUrl(server.http_url("/echo"));
   set_body(empty, "ignored");
   empty->_post_data_len = 0;
   r = orv_http_request_maker::execute(empty);
-  EXPECT_TRUE(has(body(r), "\"method\":\"GET\"")) << body(r);
-  EXPECT_TRUE(has(body(r), "\"body_length\":0")) << body(r);
+  EXPECT_TRUE(has(body_of(r), "\"method\":\"GET\"")) << body_of(r);
+  EXPECT_TRUE(has(body_of(r), "\"body_length\":0")) << body_of(r);
   empty->_post_data_len = -5;
   r = orv_http_request_maker::execute(empty);
-  EXPECT_TRUE(has(body(r), "\"method\":\"GET\"")) << body(r);
+  EXPECT_TRUE(has(body_of(r), "\"method\":\"GET\"")) << body_of(r);
   EXPECT_EQ(server.count("/echo"), 4);
 }
 
@@ -128,7 +124,7 @@ TEST_F(HttpRequestMakerTest, HeadersBothWays) {
   req->_headers["X-Alpha"] = "first value";
   set_body(req, "{}");
   Response r = orv_http_request_maker::execute(req);
-  std::string echoed = body(r);
+  std::string echoed = body_of(r);
   size_t content_type = echoed.find("\"Content-Type: application/json\"");
   size_t alpha = echoed.find("\"X-Alpha: first value\"");
   size_t zeta = echoed.find("\"X-Zeta: last\"");
@@ -142,7 +138,7 @@ TEST_F(HttpRequestMakerTest, HeadersBothWays) {
 
   r = get(server.http_url(
       "/headers?h=X-Tab:%09%20tabbed&h=X-Dup:%20one&h=X-Dup:two&h=X-Colon:%20a:b%20&h=X-Empty:"));
-  ASSERT_EQ(body(r), "headers");
+  ASSERT_EQ(body_of(r), "headers");
   std::map<std::string, std::string>& h = r->_headers;
   EXPECT_EQ(h["X-Tab"], "tabbed");
   EXPECT_EQ(h["X-Dup"], "two");
@@ -160,29 +156,24 @@ TEST_F(HttpRequestMakerTest, HeadersBothWays) {
 }
 
 TEST_F(HttpRequestMakerTest, StatusesAndSmallBodies) {
-  Response r = get(server.http_url("/status/404?body=missing"));
-  EXPECT_EQ(r->_http_status, 404);
-  EXPECT_EQ(r->_error_code, 0);
-  EXPECT_EQ(body(r), "missing");
-
-  r = get(server.http_url("/status/503"));
-  EXPECT_EQ(r->_http_status, 503);
-  EXPECT_EQ(r->_length, 1u);
-
-  r = get(server.http_url("/body?text=x"));
-  EXPECT_EQ(r->_http_status, 200);
-  EXPECT_EQ(r->_length, 2u);
-  EXPECT_STREQ(r->_data.getPTR(), "x");
-
-  r = get(server.http_url("/body?text="));
-  EXPECT_EQ(r->_http_status, 200);
-  EXPECT_EQ(r->_length, 1u);
-  EXPECT_STREQ(r->_data.getPTR(), "");
-
-  // A redirect is not followed.
-  r = get(server.http_url("/status/302?body=moved"));
-  EXPECT_EQ(r->_http_status, 302);
-  EXPECT_EQ(body(r), "moved");
+  struct {
+    const char* path;
+    int status;
+    const char* body;
+  } cases[] = {
+      {"/status/404?body=missing", 404, "missing"},
+      {"/status/503", 503, ""},
+      {"/body?text=x", 200, "x"},
+      {"/body?text=", 200, ""},
+      {"/status/302?body=moved", 302, "moved"},  // a redirect is not followed
+  };
+  for (const auto& c : cases) {
+    Response r = get(server.http_url(c.path));
+    EXPECT_EQ(r->_http_status, c.status) << c.path;
+    EXPECT_EQ(r->_error_code, 0) << c.path;
+    EXPECT_EQ(r->_length, strlen(c.body) + 1) << c.path;
+    EXPECT_STREQ(r->_data.getPTR(), c.body) << c.path;
+  }
 }
 
 TEST_F(HttpRequestMakerTest, LargeBodyArrivesWhole) {
@@ -192,7 +183,7 @@ TEST_F(HttpRequestMakerTest, LargeBodyArrivesWhole) {
   std::string expected;
   while (expected.size() < static_cast<size_t>(n)) expected += "abcdefghijklmnopqrstuvwxyz";
   expected.resize(n);
-  EXPECT_TRUE(body(r) == expected);
+  EXPECT_TRUE(body_of(r) == expected);
   EXPECT_EQ(r->_data.getPTR()[n], '\0');
 }
 
@@ -202,7 +193,7 @@ TEST_F(HttpRequestMakerTest, OutcomeLogLines) {
   StderrCapture capture;
   Response r = get(url);
   std::string log = capture.text();
-  EXPECT_EQ(body(r), "hi");
+  EXPECT_EQ(body_of(r), "hi");
   EXPECT_TRUE(has(log, "[DEBUG]-[")) << log;
   EXPECT_TRUE(has(log, "][orv_HttpRequestMaker.cpp:121][ASRHttpTask::execute] url = " + url + "\n"))
       << log;
@@ -266,7 +257,7 @@ TEST_F(HttpRequestMakerTest, CancelAbortsTheTransfer) {
   EXPECT_EQ(g_cancelled.calls.load(), 1);
   EXPECT_EQ(r->_error_code, 2);
   EXPECT_EQ(r->_http_status, 200);
-  EXPECT_TRUE(body(r) == "" || body(r) == "partial") << body(r);
+  EXPECT_TRUE(body_of(r) == "" || body_of(r) == "partial") << body_of(r);
   EXPECT_TRUE(has(log, "][orv_HttpRequestMaker.cpp:172][ASRHttpTask::execute] curl is aborted by call back\n"))
       << log;
   EXPECT_TRUE(has(log, "[curl_code=42, ")) << log;
@@ -286,16 +277,16 @@ TEST_F(HttpRequestMakerTest, HttpsWithoutPinning) {
   // address name in the certificate matches.
   Response r = get(server.https_url("/echo"));
   EXPECT_EQ(r->_http_status, 200);
-  EXPECT_TRUE(has(body(r), "\"tls\":true")) << body(r);
-  EXPECT_TRUE(has(body(r), "\"host\":\"127.0.0.1:" + std::to_string(server.https_port())))
-      << body(r);
+  EXPECT_TRUE(has(body_of(r), "\"tls\":true")) << body_of(r);
+  EXPECT_TRUE(has(body_of(r), "\"host\":\"127.0.0.1:" + std::to_string(server.https_port())))
+      << body_of(r);
 
   // An origin without a path gives no resolve entry: also unchanged.
   Request req = orv_HttpRequest::requestWithUrl(server.https_url("/echo"));
   req->_origin_URL = "https://localhost";
   r = orv_http_request_maker::execute(req);
-  EXPECT_TRUE(has(body(r), "\"host\":\"127.0.0.1:" + std::to_string(server.https_port())))
-      << body(r);
+  EXPECT_TRUE(has(body_of(r), "\"host\":\"127.0.0.1:" + std::to_string(server.https_port())))
+      << body_of(r);
 }
 
 TEST_F(HttpRequestMakerTest, HttpsLaterInTheUrlIsPlain) {
@@ -304,9 +295,9 @@ TEST_F(HttpRequestMakerTest, HttpsLaterInTheUrlIsPlain) {
   req->_origin_URL = "https://localhost/echo";
   Response r = orv_http_request_maker::execute(req);
   EXPECT_EQ(r->_http_status, 200);
-  EXPECT_TRUE(has(body(r), "\"host\":\"127.0.0.1:" + std::to_string(server.http_port())))
-      << body(r);
-  EXPECT_TRUE(has(body(r), "\"tls\":false")) << body(r);
+  EXPECT_TRUE(has(body_of(r), "\"host\":\"127.0.0.1:" + std::to_string(server.http_port())))
+      << body_of(r);
+  EXPECT_TRUE(has(body_of(r), "\"tls\":false")) << body_of(r);
 }
 
 TEST_F(HttpRequestMakerTest, NetworkConnectRunsTheRequestQuietly) {
@@ -335,8 +326,8 @@ TEST_F(HttpRequestMakerTest, ManyThreadsAtOnce) {
         req->_headers["X-Mark"] = mark;
         set_body(req, mark);
         Response r = orv_http_request_maker::execute(req);
-        if (r && r->_http_status == 200 && has(body(r), "\"body\":\"" + mark + "\"") &&
-            has(body(r), "\"X-Mark: " + mark + "\"")) {
+        if (r && r->_http_status == 200 && has(body_of(r), "\"body\":\"" + mark + "\"") &&
+            has(body_of(r), "\"X-Mark: " + mark + "\"")) {
           good++;
         }
       }

@@ -7,25 +7,18 @@
 
 #include "gtest/gtest.h"
 #include "orv/orv.h"
+#include "support/thread_test_support.h"
 
 namespace {
 
 using orv::Networking::OpensslThreadLock;
 using orv::Threads::Synchronization::AppMutex;
+using orv_test::held_elsewhere;
 
 bool sigpipe_blocked() {
   sigset_t current;
   pthread_sigmask(SIG_BLOCK, nullptr, &current);
   return sigismember(&current, SIGPIPE) == 1;
-}
-
-bool held_elsewhere(AppMutex* m) {
-  bool free = false;
-  std::thread([&] {
-    free = m->tryLock();
-    if (free) m->Unlock();
-  }).join();
-  return !free;
 }
 
 TEST(OpensslThreadLockTest, InitOnceBlocksSigpipeInTheCallerOnly) {
@@ -68,14 +61,14 @@ TEST(OpensslThreadLockTest, LockCallbackAndThreadId) {
   const int last = static_cast<int>(OpensslThreadLock::_s_lock_array.size()) - 1;
   AppMutex* m = OpensslThreadLock::_s_lock_array[last];
   OpensslThreadLock::lock_callback(CRYPTO_LOCK, last, __FILE__, __LINE__);
-  EXPECT_TRUE(held_elsewhere(m));
+  EXPECT_TRUE(held_elsewhere(*m));
   OpensslThreadLock::lock_callback(CRYPTO_UNLOCK, last, nullptr, 0);
-  EXPECT_FALSE(held_elsewhere(m));
+  EXPECT_FALSE(held_elsewhere(*m));
   // Bit 0 decides: a read lock (lock | read) locks, a bare read unlocks.
   OpensslThreadLock::lock_callback(CRYPTO_LOCK | CRYPTO_READ, last, nullptr, 0);
-  EXPECT_TRUE(held_elsewhere(m));
+  EXPECT_TRUE(held_elsewhere(*m));
   OpensslThreadLock::lock_callback(CRYPTO_READ, last, nullptr, 0);
-  EXPECT_FALSE(held_elsewhere(m));
+  EXPECT_FALSE(held_elsewhere(*m));
 
   EXPECT_EQ(OpensslThreadLock::id_callback(), static_cast<unsigned long>(pthread_self()));
   unsigned long other = 0;

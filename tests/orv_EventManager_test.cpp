@@ -1,6 +1,5 @@
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -10,9 +9,11 @@
 #include "gtest/gtest.h"
 #include "orv/orv.h"
 #include "support/test_support.h"
+#include "support/thread_test_support.h"
 
 namespace {
 
+using orv_test::has;
 using orv::Context;
 using orv::EventManager;
 using orv::Message;
@@ -44,20 +45,11 @@ struct Journal {
 };
 
 // Holds a delivery until released, to keep a queue busy.
-struct Gate {
-  std::mutex mutex;
-  std::condition_variable cv;
-  bool open = false;
+struct Gate : orv_test::Gate {
   std::atomic<bool> entered{false};
   void pass() {
     entered = true;
-    std::unique_lock<std::mutex> lock(mutex);
-    cv.wait_for(lock, std::chrono::seconds(20), [this] { return open; });
-  }
-  void release() {
-    std::lock_guard<std::mutex> lock(mutex);
-    open = true;
-    cv.notify_all();
+    wait();
   }
 };
 
@@ -154,7 +146,7 @@ TEST(Context, OwnQueueDeliveryBypassesABusyContextQueue) {
   post(blocker, own, "direct");  // the context queue is stuck behind "block"
   EXPECT_TRUE(wait_until([&] { return journal.size() == 1; }));
   EXPECT_EQ(context->m_postedCount.load(), 1);
-  gate.release();
+  gate.open();
   ASSERT_TRUE(wait_until([&] { return journal.size() == 2; }));
   std::vector<Delivery> d = journal.snapshot();
   EXPECT_EQ(d[0].manager, "own");
@@ -176,7 +168,7 @@ TEST(Context, ReceiverDestroyedBeforeDeliveryGetsNothing) {
   doomed.releaseManagedPointer();  // the queued delivery holds it only weakly
   EXPECT_EQ(orv_shared_ptr<EventManager>(watch).getPTR(), nullptr);
   post(blocker, blocker, "sentinel");
-  gate.release();
+  gate.open();
   ASSERT_TRUE(wait_until([&] { return journal.size() == 2; }));
   std::vector<Delivery> d = journal.snapshot();
   EXPECT_EQ(d[0].message, "block");
@@ -184,7 +176,6 @@ TEST(Context, ReceiverDestroyedBeforeDeliveryGetsNothing) {
   EXPECT_EQ(journal.destroyed_received, 0);
 
   // Posting to a receiver that is already gone drops the message at once.
-  orv_shared_ptr<EventManager> gone;
   orv_shared_ptr<Message> m = message("nobody");
   orv_weak_ptr<EventManager> nobody(watch);
   blocker->post(nobody, m, 0);
@@ -212,12 +203,11 @@ TEST(Context, AReleasedContextDeliversNothingMore) {
   // still be waiting (nothing to await but the absence of progress).
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_FALSE(released);
-  gate.release();
+  gate.open();
   releaser.join();
   std::string log = capture.text();
   orv::set_log_level(0);
-  EXPECT_NE(log.find("[orv_Context.cpp:91][Context::release_instance] cancel ctxQueue\n"),
-            std::string::npos)
+  EXPECT_TRUE(has(log, "[orv_Context.cpp:91][Context::release_instance] cancel ctxQueue\n"))
       << log;
   EXPECT_EQ(journal.size(), 1u);  // only "block"
 
@@ -239,7 +229,7 @@ TEST(Context, QueuedDeliveriesKeepTheContextAlive) {
   post(a, a, "after");
   context.releaseManagedPointer();
   EXPECT_NE(orv_shared_ptr<Context>(watch).getPTR(), nullptr);
-  gate.release();
+  gate.open();
   ASSERT_TRUE(wait_until([&] { return journal.size() == 2; }));
   EXPECT_TRUE(wait_until([&] { return orv_shared_ptr<Context>(watch).getPTR() == nullptr; }));
 }

@@ -14,7 +14,6 @@ using orv::paramBase;
 const std::string kStringType = "NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
 
 TEST(Param, ValueTypesAndAccessors) {
-  EXPECT_EQ(kStringType.size(), 52u);
   paramBase i(5);
   EXPECT_EQ(i.get_value_type(), "i");
   EXPECT_EQ(i.valueInt(), 5);
@@ -115,15 +114,6 @@ TEST(Param, NullStringThrows) {
   paramBase p(1);
   EXPECT_THROW(p = static_cast<const char*>(nullptr), std::logic_error);
   EXPECT_EQ(p.valueInt(), 1);
-}
-
-TEST(Param, SharedMapOfParameters) {
-  orv::Memory::orv_shared_ptr<orv::ParamMap> params(new orv::ParamMap());
-  params->emplace(orv::PARAM_KEY_SERVER_URL, std::string("http://127.0.0.1/"));
-  params->emplace(orv::PARAM_KEY_SAMPLE_RATE_INT, 16000);
-  orv::Memory::orv_shared_ptr<orv::ParamMap> shared(params);
-  EXPECT_EQ(shared->at("audio_sample_rate.int").valueInt(), 16000);
-  EXPECT_EQ(shared->at("server_url.string").valueString(), "http://127.0.0.1/");
 }
 
 TEST(Param, ConcurrentAssignmentsOnSeparateParameters) {

@@ -6,6 +6,7 @@
 #include "gtest/gtest.h"
 #include "orv/orv.h"
 #include "support/test_support.h"
+#include "support/thread_test_support.h"
 
 namespace {
 
@@ -13,20 +14,12 @@ using orv::Threads::Synchronization::AppConditionMutex;
 using orv::Threads::Synchronization::AppLock;
 using orv::Threads::Synchronization::AppMutex;
 using orv::Threads::Synchronization::AppSemaphore;
+using orv_test::held_elsewhere;
 using orv_test::wait_until;
 
 // Checking that a thread is still blocked has no event to await: give it a
 // short while and check it has not moved.
 void give_waiter_a_chance() { std::this_thread::sleep_for(std::chrono::milliseconds(50)); }
-
-bool held_elsewhere(AppMutex& m) {
-  bool free = false;
-  std::thread([&] {
-    free = m.tryLock();
-    if (free) m.Unlock();
-  }).join();
-  return !free;
-}
 
 TEST(AppMutexTest, NormalAndRecursive) {
   AppMutex normal(false);
@@ -99,41 +92,27 @@ TEST(AppConditionMutexTest, FlagArithmetic) {
   EXPECT_EQ(c._condition, -5);
 }
 
-TEST(AppConditionMutexTest, LockWhenFlagsWaitsForAllBits) {
-  AppConditionMutex c(0b100);
-  std::atomic<bool> through{false};
-  std::thread waiter([&] {
-    c.lockWhenFlags(0b101);
-    through = true;
-    EXPECT_EQ(c._condition & 0b101, 0b101);
-    c.Unlock();
-  });
-  c.Lock();
-  c.unlockSettingFlags(0b010);  // not the missing bit
-  give_waiter_a_chance();
-  EXPECT_FALSE(through);
-  c.Lock();
-  c.unlockSettingFlags(0b001);
-  EXPECT_TRUE(wait_until([&] { return through.load(); }));
-  waiter.join();
-}
-
-TEST(AppConditionMutexTest, LockWhenNotFlagsWaitsUntilNoBitIsSet) {
-  AppConditionMutex c(0b101);
-  std::atomic<bool> through{false};
-  std::thread waiter([&] {
-    c.lockWhenNotFlags(0b101);
-    through = true;
-    c.Unlock();
-  });
-  c.Lock();
-  c.unlockClearingFlags(0b001);  // bit 2 still set
-  give_waiter_a_chance();
-  EXPECT_FALSE(through);
-  c.Lock();
-  c.unlockClearingFlags(0b100);
-  EXPECT_TRUE(wait_until([&] { return through.load(); }));
-  waiter.join();
+// lockWhenFlags waits for all its bits, lockWhenNotFlags until none is set;
+// an unlock that changes only part of it leaves the waiter blocked.
+TEST(AppConditionMutexTest, FlagWaitsNeedTheWholeCondition) {
+  for (bool all : {true, false}) {
+    AppConditionMutex c(all ? 0b100 : 0b101);
+    std::atomic<bool> through{false};
+    std::thread waiter([&] {
+      all ? c.lockWhenFlags(0b101) : c.lockWhenNotFlags(0b101);
+      through = true;
+      EXPECT_EQ(c._condition & 0b101, all ? 0b101 : 0);
+      c.Unlock();
+    });
+    c.Lock();
+    all ? c.unlockSettingFlags(0b010) : c.unlockClearingFlags(0b001);
+    give_waiter_a_chance();
+    EXPECT_FALSE(through) << all;
+    c.Lock();
+    all ? c.unlockSettingFlags(0b001) : c.unlockClearingFlags(0b100);
+    EXPECT_TRUE(wait_until([&] { return through.load(); }));
+    waiter.join();
+  }
 }
 
 TEST(AppConditionMutexTest, EveryUnlockWakesAllWaiters) {

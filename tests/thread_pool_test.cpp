@@ -14,32 +14,22 @@
 
 namespace {
 
+using orv_test::has;
 using orv::Memory::orv_shared_ptr;
 using orv::Memory::orv_shared_ptr_base;
 using orv::Memory::orv_weak_ptr;
 using orv::Memory::Singleton;
 using orv::Threads::AppRunloop;
-using orv::Threads::ASRDispatchTaskBase;
 using orv::Threads::GlobalThreadPool;
 using orv::Threads::PoolThreadListNode;
 using orv::Threads::ThreadPool;
+using orv_test::closure;
+using orv_test::Blocker;
 using orv_test::Gate;
+using orv_test::NoNewThreads;
 using orv_test::StderrCapture;
 using orv_test::Tracked;
 using orv_test::wait_until;
-
-typedef orv_shared_ptr<ASRDispatchTaskBase> TaskPtr;
-
-class Closure : public ASRDispatchTaskBase {
- public:
-  explicit Closure(std::function<void()> body) : body_(std::move(body)) {}
-  void execute() override { body_(); }
-
- private:
-  std::function<void()> body_;
-};
-
-TaskPtr closure(std::function<void()> body) { return TaskPtr(new Closure(std::move(body))); }
 
 // Reads pool fields under its mutex.
 template <class F>
@@ -213,26 +203,6 @@ void count_run(orv_shared_ptr_base* param) {
   ++tracked->value;
 }
 
-// Makes pthread_create fail for threads started while it is in place.
-class NoNewThreads {
- public:
-  NoNewThreads() {
-    pthread_getattr_default_np(&saved_);
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, orv_test::unallocatable_stack_size());
-    pthread_setattr_default_np(&attr);
-    pthread_attr_destroy(&attr);
-  }
-  ~NoNewThreads() {
-    pthread_setattr_default_np(&saved_);
-    pthread_attr_destroy(&saved_);
-  }
-
- private:
-  pthread_attr_t saved_;
-};
-
 // A pool that cannot start a thread keeps the task in _pending; the next
 // thread that finishes a task serves it, in order.
 TEST(ThreadPoolTest, PendingTasksWaitForTheNextFreeThread) {
@@ -273,14 +243,9 @@ TEST(ThreadPoolTest, PendingTasksWaitForTheNextFreeThread) {
 TEST(ThreadPoolTest, CancelSyncWaitsForTheRunningTaskAndDropsPending) {
   orv::set_log_level(orv::LOG_DEBUG);
   orv_shared_ptr<ThreadPool> pool = ThreadPool::alloc(1);
-  Gate gate;
-  std::atomic<bool> running{false}, finished{false};
-  pool->runTaskAsync(closure([&] {
-    running = true;
-    gate.wait();
-    finished = true;
-  }), nullptr);
-  ASSERT_TRUE(wait_until([&] { return running.load(); }));
+  Blocker blocker;
+  pool->runTaskAsync(closure(blocker.body()), nullptr);
+  ASSERT_TRUE(blocker.started());
   orv_shared_ptr<Tracked> object(new Tracked(0));
   {
     NoNewThreads no_threads;
@@ -298,63 +263,49 @@ TEST(ThreadPoolTest, CancelSyncWaitsForTheRunningTaskAndDropsPending) {
   StderrCapture capture;
   EXPECT_FALSE(pool->runTaskAsync(&count_run, &object, nullptr));  // stopping
   std::string log = capture.text();
-  EXPECT_NE(log.find("[ThreadPool.cpp:87]runTaskAsync con=1\n"), std::string::npos) << log;
-  gate.open();
+  EXPECT_TRUE(has(log, "[ThreadPool.cpp:87]runTaskAsync con=1\n")) << log;
+  blocker.gate.open();
   canceller.join();
-  EXPECT_TRUE(finished);
+  EXPECT_TRUE(blocker.finished);
   EXPECT_EQ(object->value, 0);
   EXPECT_EQ(thread_count(pool.getPTR()), 0);
   StderrCapture after;
   EXPECT_FALSE(pool->runTaskAsync(&count_run, &object, nullptr));
   pool->cancel();
   log = after.text();
-  EXPECT_NE(log.find("runTaskAsync con=2\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("[ThreadPool.cpp:141]ThreadPool::cancel()\n"), std::string::npos) << log;
+  EXPECT_TRUE(has(log, "runTaskAsync con=2\n")) << log;
+  EXPECT_TRUE(has(log, "[ThreadPool.cpp:141]ThreadPool::cancel()\n")) << log;
   orv::set_log_level(0);
 }
 
 // stop() on a busy pool returns holding the pool mutex (designed behaviour).
 TEST(ThreadPoolTest, StopOnABusyPoolLeavesItLocked) {
   orv_shared_ptr<ThreadPool> pool = ThreadPool::alloc(1);
-  Gate gate;
-  std::atomic<bool> running{false};
-  pool->runTaskAsync(closure([&] {
-    running = true;
-    gate.wait();
-  }), nullptr);
-  ASSERT_TRUE(wait_until([&] { return running.load(); }));
+  static Blocker blocker;  // the task still touches it after this test returns
+  pool->runTaskAsync(closure(blocker.body()), nullptr);
+  ASSERT_TRUE(blocker.started());
   pool->stop();
-  bool free = true;
-  std::thread([&] {
-    free = pool->_pool_mutex->tryLock();
-    if (free) pool->_pool_mutex->Unlock();
-  }).join();
-  EXPECT_FALSE(free);
+  EXPECT_TRUE(orv_test::held_elsewhere(*pool->_pool_mutex));
   EXPECT_EQ(pool->_pool_mutex->_condition, orv::Threads::POOL_RUNNING);
   // The busy thread now blocks for good once its task ends; the pool is
   // left to the process exit.
-  gate.open();
+  blocker.gate.open();
 }
 
 TEST(ThreadPoolTest, StopSyncWaitsForBusyThreads) {
   orv_shared_ptr<ThreadPool> pool = ThreadPool::alloc(2);
-  Gate gate;
-  std::atomic<bool> running{false}, finished{false};
-  pool->runTaskAsync(closure([&] {
-    running = true;
-    gate.wait();
-    finished = true;
-  }), nullptr);
-  ASSERT_TRUE(wait_until([&] { return running.load(); }));
+  Blocker blocker;
+  pool->runTaskAsync(closure(blocker.body()), nullptr);
+  ASSERT_TRUE(blocker.started());
   std::thread stopper([&] { pool->stop_sync(); });
   ASSERT_TRUE(wait_until([&] {
     return locked(pool.getPTR(), [&] { return pool->_pool_mutex->_condition; }) ==
            orv::Threads::POOL_STOPPING;
   }));
   EXPECT_FALSE(pool->runTaskAsync(closure([] {}), nullptr));
-  gate.open();
+  blocker.gate.open();
   stopper.join();
-  EXPECT_TRUE(finished);
+  EXPECT_TRUE(blocker.finished);
   EXPECT_EQ(locked(pool.getPTR(), [&] { return pool->_pool_mutex->_condition; }),
             orv::Threads::POOL_STOPPED);
   pool->stop_sync();  // already stopped: returns at once

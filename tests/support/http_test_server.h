@@ -15,6 +15,7 @@
 
 #include <string>
 
+#include "orv/orv.h"
 #include "support/test_support.h"
 
 namespace orv_test {
@@ -78,6 +79,11 @@ class HttpTestServer {
   int pinned_port_;
   std::string error_;
 };
+
+// The body of a response, without the terminating NUL.
+inline std::string body_of(const orv::Memory::orv_shared_ptr<orv::Networking::orv_HttpResponse>& r) {
+  return std::string(r->_data.getPTR(), r->_length - 1);
+}
 
 // A loopback port that refuses connections: bound, never listening, so no
 // other process gets it while the object lives.

@@ -39,6 +39,10 @@ class StderrCapture {
   bool done_;
 };
 
+inline bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
 
