@@ -68,6 +68,15 @@ void write_file(const std::string& path, const std::string& content) {
   out << content;
 }
 
+int thread_count() {
+  int count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    (void)entry;
+    ++count;
+  }
+  return count;
+}
+
 bool wait_until(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {
   auto deadline = std::chrono::steady_clock::now() + timeout;
   while (!predicate()) {

@@ -46,6 +46,9 @@ inline bool has(const std::string& text, const std::string& part) {
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
 
+// Threads of this process (from /proc/self/task).
+int thread_count();
+
 // Polls predicate until it is true or timeout passes; returns its last value.
 bool wait_until(const std::function<bool()>& predicate,
                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
