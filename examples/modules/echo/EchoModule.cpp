@@ -133,9 +133,11 @@ class EchoManager : public EventManager {
     orv_shared_ptr<orv_HttpRequest> request = orv_HttpRequest::requestWithUrl(url->valueString());
     request->_origin_URL = url->valueString();
     request->_transfer_mode = kChunkedUpload;
+    // Reported first: a transfer that fails at once reports from its own
+    // thread, and the host must see the start before that.
+    report(orv_echo::kEchoStatusStarted);
     m_upload = orv_http_request_maker::get_instance();
     m_upload->start_request(request, &EchoManager::onUploadResponse, &m_callbackRef);
-    report(orv_echo::kEchoStatusStarted);
   }
 
   void queueAudio(orv_shared_ptr<char>& data, int length, bool last) {
@@ -209,7 +211,7 @@ orv_shared_ptr<EventManager> load(orv_weak_ptr<orv::Context> context,
   orv_shared_ptr<EventManager> manager(echo);
   manager->m_self = manager;
   echo->m_callbackRef = manager;
-  ORV_LOG_DEBUG("[DEBUG]-[%s][%s:212]Echo module created\n");
+  ORV_LOG_DEBUG("[DEBUG]-[%s][%s:214]Echo module created\n");
   return manager;
 }
 
