@@ -3,6 +3,7 @@
 
 #include <string.h>
 
+#include <mutex>
 #include <string>
 
 #include <orv/orv.h>
@@ -136,18 +137,21 @@ class EchoManager : public EventManager {
     // Reported first: a transfer that fails at once reports from its own
     // thread, and the host must see the start before that.
     report(orv_echo::kEchoStatusStarted);
-    m_upload = orv_http_request_maker::get_instance();
-    m_upload->start_request(request, &EchoManager::onUploadResponse, &m_callbackRef);
+    orv_shared_ptr<orv_http_request_maker> upload = orv_http_request_maker::get_instance();
+    upload->start_request(request, &EchoManager::onUploadResponse, &m_callbackRef);
+    std::lock_guard<std::mutex> lock(m_uploadMutex);
+    m_upload = upload;
   }
 
   void queueAudio(orv_shared_ptr<char>& data, int length, bool last) {
-    if (!m_upload) {
+    orv_shared_ptr<orv_http_request_maker> upload = currentUpload();
+    if (!upload) {
       reportError(-1, "audio without audio start");
       return;
     }
     // The task copies the bytes; share the message's block meanwhile.
     orv_shared_ptr<unsigned char> bytes(data);
-    m_upload->send_data(bytes, length > 0 && data ? length : 0, last);
+    upload->send_data(bytes, length > 0 && data ? length : 0, last);
     if (length > 0 && data) m_bytes += length;
     if (m_bytes >= m_nextProgress || (last && m_bytes != m_reported)) {
       while (m_nextProgress <= m_bytes) m_nextProgress += m_bytesPerSecond;
@@ -171,10 +175,21 @@ class EchoManager : public EventManager {
     }
   }
 
+  orv_shared_ptr<orv_http_request_maker> currentUpload() {
+    std::lock_guard<std::mutex> lock(m_uploadMutex);
+    return m_upload;
+  }
+
+  // From send() and from the host's thread (release_instance, destructor).
   void stopUpload() {
-    if (!m_upload) return;
-    m_upload->release_instance();
-    m_upload = orv_shared_ptr<orv_http_request_maker>();
+    orv_shared_ptr<orv_http_request_maker> upload;
+    {
+      std::lock_guard<std::mutex> lock(m_uploadMutex);
+      upload = m_upload;
+      m_upload = orv_shared_ptr<orv_http_request_maker>();
+    }
+    // Waits for the transfer; after it no report comes any more.
+    if (upload) upload->release_instance();
   }
 
   orv_shared_ptr<Message> statusMessage(int status) {
@@ -195,8 +210,9 @@ class EchoManager : public EventManager {
     post(m_listener, message, 0);
   }
 
-  // Touched only by send(), i.e. on the module's serial queue.
-  orv_shared_ptr<orv_http_request_maker> m_upload;
+  std::mutex m_uploadMutex;
+  orv_shared_ptr<orv_http_request_maker> m_upload;  // under m_uploadMutex
+  // The rest is touched only by send(), i.e. on the module's serial queue.
   long long m_bytes;
   long long m_reported;  // bytes at the last progress report
   long long m_nextProgress;
@@ -211,7 +227,7 @@ orv_shared_ptr<EventManager> load(orv_weak_ptr<orv::Context> context,
   orv_shared_ptr<EventManager> manager(echo);
   manager->m_self = manager;
   echo->m_callbackRef = manager;
-  ORV_LOG_DEBUG("[DEBUG]-[%s][%s:214]Echo module created\n");
+  ORV_LOG_DEBUG("[DEBUG]-[%s][%s:230]Echo module created\n");
   return manager;
 }
 

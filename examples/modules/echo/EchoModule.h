@@ -50,6 +50,8 @@
 // Threading: the module delivers its commands on its own serial queue
 // (m_useOwnQueue), so they run one at a time, in order, on pool threads. The
 // upload's reports come from the transfer thread; they only post.
+// release_instance() (from the host's thread) ends the upload and waits for
+// its transfer: no report is posted after it returns.
 #ifndef ORV_EXAMPLES_MODULES_ECHO_ECHOMODULE_H
 #define ORV_EXAMPLES_MODULES_ECHO_ECHOMODULE_H
 
