@@ -4,6 +4,7 @@
 // identity, printing a timeline of every step. With no server given it runs
 // the project's loopback stand-in of the speech service and stops it at the
 // end. Exit status 0 when every step passed; otherwise 1 with the reason.
+#include <curl/curl.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <math.h>
@@ -546,6 +547,13 @@ int main(int argc, char** argv) {
   Options options;
   int exitCode = 0;
   if (!parse(argc, argv, options, exitCode)) return exitCode;
+  // liborv never initialises libcurl: the application does, once, on its main
+  // thread before any other thread runs (else the first transfer, on a pool
+  // thread, would set up libcurl and OpenSSL there).
+  if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+    fprintf(stderr, "orv-demo: curl_global_init failed\n");
+    return 1;
+  }
   Timeline timeline;
   g_timeline = &timeline;
   int status = run(options, timeline);
