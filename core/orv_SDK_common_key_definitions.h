@@ -1,17 +1,18 @@
-// The shared vocabulary of the speech modules and their host: command,
-// callback and parameter key names, and the custom-command error codes with
-// their texts (each text ends in a blank; the command or receiver name is
-// appended). The library defines each name once; it never looks them up.
-//
-// Some values are kept exactly as modules already use them, oddities included:
-// ORV_PARAM_KEY_WRITABLE_USER_DATA_PATH equals
-// ORV_PARAM_KEY_WRITABLE_LIBRARY_DATA_PATH; MODULE_PARAM_KEY_MODULE_FLAG is
-// "moudle.flag.int"; the ASR_ONLINE_PARAM_KEY_... and PARAM_KEY_... keys of one
-// meaning share one string.
-//
-// The constants exist from the library's static initialisation to its
-// static finalisation: do not use them from a module's own static
-// initialisers. Read-only: safe on any thread.
+/// @file
+/// The shared vocabulary of the speech modules and their host: command,
+/// callback and parameter key names, and the custom-command error codes with
+/// their texts (each text ends in a blank; the command or receiver name is
+/// appended). The library defines each name once; it never looks them up.
+///
+/// Some values are kept exactly as modules already use them, oddities included:
+/// ORV_PARAM_KEY_WRITABLE_USER_DATA_PATH equals
+/// ORV_PARAM_KEY_WRITABLE_LIBRARY_DATA_PATH; MODULE_PARAM_KEY_MODULE_FLAG is
+/// "moudle.flag.int"; the ASR_ONLINE_PARAM_KEY_... and PARAM_KEY_... keys of one
+/// meaning share one string.
+///
+/// The constants exist from the library's static initialisation to its
+/// static finalisation: do not use them from a module's own static
+/// initialisers. Read-only: safe on any thread.
 #ifndef ORV_CORE_ORV_SDK_COMMON_KEY_DEFINITIONS_H
 #define ORV_CORE_ORV_SDK_COMMON_KEY_DEFINITIONS_H
 
@@ -21,9 +22,9 @@
 
 namespace orv {
 
-extern ORV_API const int ORV_CORE_PLATFORM_CUSTOM_COMMAND_ERROR_UNKNOWN_COMMAND;     // -1
-extern ORV_API const int ORV_CORE_PLATFORM_CUSTOM_COMMAND_ERROR_UNKNOWN_RECEIVER;    // -2
-extern ORV_API const int ORV_CORE_PLATFORM_CUSTOM_COMMAND_ERROR_RECEIVER_NOT_AVAILABLE;  // -3
+extern ORV_API const int ORV_CORE_PLATFORM_CUSTOM_COMMAND_ERROR_UNKNOWN_COMMAND;     ///< -1
+extern ORV_API const int ORV_CORE_PLATFORM_CUSTOM_COMMAND_ERROR_UNKNOWN_RECEIVER;    ///< -2
+extern ORV_API const int ORV_CORE_PLATFORM_CUSTOM_COMMAND_ERROR_RECEIVER_NOT_AVAILABLE;  ///< -3
 
 extern ORV_API const std::string ORV_COMMAND_GET_EVENT_MANAGER_VERSION;
 extern ORV_API const std::string ORV_CALLBACK_EVENT_MANAGER_VERSION;

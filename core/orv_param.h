@@ -1,23 +1,24 @@
-// Parameters: paramBase is a small tagged value (signed char, short, int,
-// long long, bool, void*, float or std::string) kept by name in a ParamMap.
-//
-// A paramBase is a handle on a heap body, a param<T> of the held type, whose
-// own instance pointer points to itself. Assigning a value of any type
-// replaces the body, so a handle can change type. The accessors read the
-// body's storage as the asked type without conversion or check: look at
-// get_value_type() first ("i", "x", "b", "Pv", "f", "a", "s", or the string
-// type's name). valuePtr() reads a pointer-sized word: on 32-bit targets the
-// same word as valueInt().
-//
-// A handle owns its body and deletes it when destroyed or reassigned. The
-// implicit copy of a handle copies only the body pointer, so never copy a
-// handle by value while its source lives: duplicate with copyInstance() and
-// share maps through orv_shared_ptr<ParamMap>.
-//
-// Thread safety: every body deletion (assignment, destruction,
-// clearOldInstance) is serialised by the process-wide recursive
-// _param_mutex; reads take no lock. A map shared between threads needs
-// outside locking for anything but reading.
+/// @file
+/// Parameters: paramBase is a small tagged value (signed char, short, int,
+/// long long, bool, void*, float or std::string) kept by name in a ParamMap.
+///
+/// A paramBase is a handle on a heap body, a param<T> of the held type, whose
+/// own instance pointer points to itself. Assigning a value of any type
+/// replaces the body, so a handle can change type. The accessors read the
+/// body's storage as the asked type without conversion or check: look at
+/// get_value_type() first ("i", "x", "b", "Pv", "f", "a", "s", or the string
+/// type's name). valuePtr() reads a pointer-sized word: on 32-bit targets the
+/// same word as valueInt().
+///
+/// A handle owns its body and deletes it when destroyed or reassigned. The
+/// implicit copy of a handle copies only the body pointer, so never copy a
+/// handle by value while its source lives: duplicate with copyInstance() and
+/// share maps through orv_shared_ptr<ParamMap>.
+///
+/// Thread safety: every body deletion (assignment, destruction,
+/// clearOldInstance) is serialised by the process-wide recursive
+/// _param_mutex; reads take no lock. A map shared between threads needs
+/// outside locking for anything but reading.
 #ifndef ORV_CORE_ORV_PARAM_H
 #define ORV_CORE_ORV_PARAM_H
 
@@ -42,10 +43,10 @@ class ORV_API paramBase {
   paramBase(void* value);
   paramBase(float value);
   paramBase(const std::string& value);
-  // A string parameter (not a bool); null throws std::logic_error.
+  /// A string parameter (not a bool); null throws std::logic_error.
   paramBase(const char* value);
 
-  // Deep copy of the body, owned by the caller; null when there is none.
+  /// Deep copy of the body, owned by the caller; null when there is none.
   virtual paramBase* copyInstance() const;
   virtual paramBase& operator=(float value);
   virtual paramBase& operator=(signed char value);
@@ -56,7 +57,7 @@ class ORV_API paramBase {
   virtual paramBase& operator=(std::string value);
   virtual paramBase& operator=(void* value);
   virtual ~paramBase();
-  // The body's type name; "" for a handle without a body.
+  /// The body's type name; "" for a handle without a body.
   virtual std::string get_value_type();
 
   paramBase& operator=(const char* value) { return *this = std::string(value); }
@@ -71,8 +72,8 @@ class ORV_API paramBase {
   float valueFloat() const { return read<float>(); }
   std::string valueString() const;
 
-  // Deletes the body (unless it is this object) and points the instance at
-  // this object.
+  /// Deletes the body (unless it is this object) and points the instance at
+  /// this object.
   void clearOldInstance();
 
   static Threads::Synchronization::AppMutex _param_mutex;
@@ -82,11 +83,11 @@ class ORV_API paramBase {
  protected:
   struct body_tag {};
   explicit paramBase(body_tag) : _instance(this) {}
-  // Replaces the body by a new one.
+  /// Replaces the body by a new one.
   void replaceInstance(paramBase* body);
 
  private:
-  // The value of every body starts right after the paramBase part.
+  /// The value of every body starts right after the paramBase part.
   const void* storage() const { return reinterpret_cast<const char*>(_instance) + sizeof(paramBase); }
   template <class V>
   V read() const {
@@ -113,7 +114,7 @@ class param : public paramBase {
     return name[0] == '*' ? name + 1 : name;
   }
 
-  // Aligned so that reading any accessor's width stays inside the body.
+  /// Aligned so that reading any accessor's width stays inside the body.
   alignas(8) T _value;
 };
 

@@ -1,6 +1,9 @@
-// ORV_ASSERT: an assertion that stays on in every build type, NDEBUG or not.
-// A failure prints "<program>: <file>:<line>: <function>: Assertion `<expr>'
-// failed." to standard error, as assert does, and aborts the process.
+/// @file
+/// ORV_ASSERT: an assertion that stays on in every build type, NDEBUG or not.
+/// A failure prints "<program>: <file>:<line>: <function>: Assertion `<expr>'
+/// failed." to standard error, as assert does, and aborts the process.
+///
+/// Thread safety: usable on any thread; a failure ends the whole process.
 #ifndef ORV_CORE_UTILITY_ORV_ASSERT_H
 #define ORV_CORE_UTILITY_ORV_ASSERT_H
 

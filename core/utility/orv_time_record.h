@@ -1,11 +1,12 @@
-// TimeRecord: a second file sink, independent of the log, for ready-made
-// timing lines. Same rotation rule as the log file (size_limit x 512 KiB, one
-// ".bak" generation). While no record file is open, lines are dropped: they go
-// nowhere, not even to standard error; the same holds when reopening after a
-// rotation fails (the record file then counts as closed).
-//
-// Thread safety: any thread may record; writes, rotation, opening and closing
-// are serialised by the record file's own mutex.
+/// @file
+/// TimeRecord: a second file sink, independent of the log, for ready-made
+/// timing lines. Same rotation rule as the log file (size_limit x 512 KiB, one
+/// ".bak" generation). While no record file is open, lines are dropped: they go
+/// nowhere, not even to standard error; the same holds when reopening after a
+/// rotation fails (the record file then counts as closed).
+///
+/// Thread safety: any thread may record; writes, rotation, opening and closing
+/// are serialised by the record file's own mutex.
 #ifndef ORV_CORE_UTILITY_ORV_TIME_RECORD_H
 #define ORV_CORE_UTILITY_ORV_TIME_RECORD_H
 
@@ -25,7 +26,7 @@ class ORV_API TimeRecord {
   static void open_time_record(const char* path, int size_limit);
   static void close_time_record();
   static void record(const char* line);
-  // Size from stat(), or -1: the same as orv::get_file_size.
+  /// Size from stat(), or -1: the same as orv::get_file_size.
   static int get_file_size(const char* path);
 
   static std::atomic<FILE*> _s_record_file;

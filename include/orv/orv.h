@@ -1,4 +1,8 @@
-// The whole exported interface of liborv.
+/// @file
+/// The whole exported interface of liborv.
+///
+/// Include this one header. Each header it pulls in opens with what its unit
+/// is for and its threading contract.
 #ifndef ORV_ORV_H
 #define ORV_ORV_H
 

@@ -1,21 +1,22 @@
-// Reference-counted ownership across threads: orv_shared_ptr<T> (strong),
-// orv_weak_ptr<T> (weak) and their untyped base orv_shared_ptr_base, which is
-// what tasks carry as their one parameter.
-//
-// Every count change takes the control object's mutex (one lock and unlock per
-// copy or release; no atomics, by design). A managed object is destroyed
-// exactly once, by the release that drops the last strong reference, and
-// outside the lock, so its destructor may itself take and release pointers to
-// itself. The control object lives until the last pointer of either kind.
-//
-// Thread safety: any thread may copy, assign and destroy pointers on the same
-// object concurrently; one pointer variable must not be assigned by two
-// threads at once. getPTR() reads without locking: safe through a strong
-// pointer. A weak pointer has no getPTR(): promote it by constructing an
-// orv_shared_ptr<T> from it and test the result for null.
-//
-// Conversions between pointer types share the untyped managed pointer as it
-// is: convert only between a class and its primary (single-inheritance) base.
+/// @file
+/// Reference-counted ownership across threads: orv_shared_ptr<T> (strong),
+/// orv_weak_ptr<T> (weak) and their untyped base orv_shared_ptr_base, which is
+/// what tasks carry as their one parameter.
+///
+/// Every count change takes the control object's mutex (one lock and unlock per
+/// copy or release; no atomics, by design). A managed object is destroyed
+/// exactly once, by the release that drops the last strong reference, and
+/// outside the lock, so its destructor may itself take and release pointers to
+/// itself. The control object lives until the last pointer of either kind.
+///
+/// Thread safety: any thread may copy, assign and destroy pointers on the same
+/// object concurrently; one pointer variable must not be assigned by two
+/// threads at once. getPTR() reads without locking: safe through a strong
+/// pointer. A weak pointer has no getPTR(): promote it by constructing an
+/// orv_shared_ptr<T> from it and test the result for null.
+///
+/// Conversions between pointer types share the untyped managed pointer as it
+/// is: convert only between a class and its primary (single-inheritance) base.
 #ifndef ORV_CORE_UTILITY_MEMORY_ORV_SHARED_PTR_BASE_H
 #define ORV_CORE_UTILITY_MEMORY_ORV_SHARED_PTR_BASE_H
 
@@ -28,22 +29,22 @@ namespace Memory {
 class ORV_API orv_shared_ptr_base {
  public:
   explicit orv_shared_ptr_base(bool is_strong);
-  // A new heap pointer of the same kind and type on the same object; the
-  // receiver owns it and deletes it through the virtual destructor.
+  /// A new heap pointer of the same kind and type on the same object; the
+  /// receiver owns it and deletes it through the virtual destructor.
   virtual orv_shared_ptr_base* getRefPtr() const;
   virtual ~orv_shared_ptr_base();
 
-  // Drops this pointer's share and leaves it empty.
+  /// Drops this pointer's share and leaves it empty.
   void releaseManagedPointer();
-  // Makes this pointer share other's object (null other: becomes empty). The
-  // new share is counted before the old one is released, so self-assignment
-  // is safe; the old share is released with the deleter it was made with.
+  /// Makes this pointer share other's object (null other: becomes empty). The
+  /// new share is counted before the old one is released, so self-assignment
+  /// is safe; the old share is released with the deleter it was made with.
   void copyControlObject_base(const orv_shared_ptr_base* other);
   bool isEqualToRawPtr(void* p) const;
   bool isEqualToManagedPtr(orv_shared_ptr_base* other) const;
   void enable_reference_trace();
-  // A destructor that leaves the memory alone (string literals, buffers whose
-  // ownership moves elsewhere).
+  /// A destructor that leaves the memory alone (string literals, buffers whose
+  /// ownership moves elsewhere).
   static void emptyDestructor(void* p);
 
   orv_shared_ptr_base(const orv_shared_ptr_base&) = delete;
@@ -54,11 +55,11 @@ class ORV_API orv_shared_ptr_base {
   bool _is_strong;
 
  protected:
-  // Managed pointer, or null for an empty or expired pointer.
+  /// Managed pointer, or null for an empty or expired pointer.
   void* managedPointer() const {
     return _control != nullptr ? _control->_ptr.load(std::memory_order_relaxed) : nullptr;
   }
-  // Gives this empty strong pointer a fresh control object on p (counts 1, 1).
+  /// Gives this empty strong pointer a fresh control object on p (counts 1, 1).
   void adopt(void* p, void (*deleter)(orv_shared_ptr_control_object*, void*),
              void (*destructor)(void*));
 };
@@ -74,8 +75,8 @@ class orv_shared_ptr : public orv_shared_ptr_base {
     if (p != nullptr) adopt(p, &deleteManagedPointer, destructor);
   }
   orv_shared_ptr(const orv_shared_ptr& other) : orv_shared_ptr_base(true) { share(other); }
-  // From any pointer, strong or weak, of any type: from a weak pointer this is
-  // the promotion, null when the object has gone.
+  /// From any pointer, strong or weak, of any type: from a weak pointer this is
+  /// the promotion, null when the object has gone.
   orv_shared_ptr(const orv_shared_ptr_base& other) : orv_shared_ptr_base(true) { share(other); }
 
   orv_shared_ptr& operator=(const orv_shared_ptr& other) {
@@ -102,7 +103,7 @@ class orv_shared_ptr : public orv_shared_ptr_base {
       delete static_cast<T*>(p);
     }
   }
-  // For buffers made with new[] (char, unsigned char).
+  /// For buffers made with new[] (char, unsigned char).
   static void arrayDestructor(void* p) {
     if (p != nullptr) delete[] static_cast<T*>(p);
   }
@@ -133,8 +134,8 @@ class orv_weak_ptr : public orv_shared_ptr_base {
     return *this;
   }
 
-  // Made through a temporary strong pointer, as designed: the strong count
-  // goes up and down by one around the copy.
+  /// Made through a temporary strong pointer, as designed: the strong count
+  /// goes up and down by one around the copy.
   orv_shared_ptr_base* getRefPtr() const override {
     orv_shared_ptr<T> strong(*this);
     return new orv_weak_ptr<T>(strong);

@@ -1,13 +1,13 @@
-// Singleton<T>: a lazily created process-wide instance, held weakly so that it
-// can die and be created again. T derives from Singleton<T>.
-//
-// instance() is serialised by a recursive mutex (constructors and childInit
-// may call instance() again); childInit() runs once per new instance. The
-// strong reference that keeps the instance alive is released only by the
-// static destructors. A singleton used by several libraries must be
-// instantiated once, in the library that owns it (explicit instantiation
-// there, extern template elsewhere): each shared object otherwise gets its
-// own statics.
+/// @file
+/// Singleton<T>: a lazily created process-wide instance, held weakly so that it
+/// can die and be created again. T derives from Singleton<T>. instance() may be
+/// called from any thread: it is serialised by a recursive mutex (constructors
+/// and childInit may call instance() again); childInit() runs once per new
+/// instance. The strong reference that keeps the instance alive is released
+/// only by the static destructors. A singleton used by several libraries must
+/// be instantiated once, in the library that owns it (explicit instantiation
+/// there, extern template elsewhere): each shared object otherwise gets its
+/// own statics.
 #ifndef ORV_CORE_UTILITY_MEMORY_SINGLETON_H
 #define ORV_CORE_UTILITY_MEMORY_SINGLETON_H
 
@@ -25,7 +25,7 @@ template <class T>
 class Singleton {
  public:
   static orv_shared_ptr<T> instance();
-  // Runs once, right after a new instance has been created and published.
+  /// Runs once, right after a new instance has been created and published.
   virtual void childInit() {}
   virtual ~Singleton() {}
 
@@ -49,7 +49,7 @@ orv_shared_ptr<T> Singleton<T>::instance() {
   if (instanceStrongRef.getPTR() == NULL) {
     instanceStrongRef = instanceWeakRef;
   }
-  // The failure report names this header and line 53; keep it there.
+  /// The failure report names this header and line 53; keep it there.
   ORV_ASSERT(ref.getPTR() != NULL); static_assert(__LINE__ == 53, "assertion moved");
   return ref;
 }

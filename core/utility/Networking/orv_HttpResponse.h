@@ -1,13 +1,14 @@
-// orv_HttpResponse: what one HTTP exchange brought back: status, error code,
-// the body (always NUL-terminated) and the response headers.
-//
-// Error codes: 0 none; 1 download inactivity time-out; 2 aborted by a
-// callback (cancelled); 4 streaming transport error; 6 chunked download ended
-// with status 200; 7 growing the body failed. Once an error code is set, later
-// appends are dropped.
-//
-// Threading: written only by the thread running the transfer, read after the
-// transfer has ended; no lock of its own.
+/// @file
+/// orv_HttpResponse: what one HTTP exchange brought back: status, error code,
+/// the body (always NUL-terminated) and the response headers.
+///
+/// Error codes: 0 none; 1 download inactivity time-out; 2 aborted by a
+/// callback (cancelled); 4 streaming transport error; 6 chunked download ended
+/// with status 200; 7 growing the body failed. Once an error code is set, later
+/// appends are dropped.
+///
+/// Threading: written only by the thread running the transfer, read after the
+/// transfer has ended; no lock of its own.
 #ifndef ORV_CORE_UTILITY_NETWORKING_ORV_HTTPRESPONSE_H
 #define ORV_CORE_UTILITY_NETWORKING_ORV_HTTPRESPONSE_H
 
@@ -30,8 +31,8 @@ class ORV_API orv_HttpResponse {
   orv_HttpResponse();
   virtual ~orv_HttpResponse();
 
-  // Appends len bytes to the body, growing the block by exactly len bytes
-  // and re-seating _data on it. A null or empty append is logged and ignored.
+  /// Appends len bytes to the body, growing the block by exactly len bytes
+  /// and re-seating _data on it. A null or empty append is logged and ignored.
   void receive_new_data(const char* data, unsigned len);
   // One header line as libcurl hands it over (len bytes, not NUL-terminated):
   // "name: value" sets _headers[name] (a repeated name keeps its last value);
@@ -45,8 +46,8 @@ class ORV_API orv_HttpResponse {
   std::string _message;
   int32_t _error_code;
   int32_t _http_status;
-  Memory::orv_shared_ptr<char> _data;  // malloc block, deleter free
-  uint32_t _length;                    // bytes in _data, the final NUL included
+  Memory::orv_shared_ptr<char> _data;  ///< malloc block, deleter free
+  uint32_t _length;                    ///< bytes in _data, the final NUL included
   std::map<std::string, std::string> _headers;
 };
 

@@ -1,19 +1,20 @@
-// Timer: runs a task once after a delay, or repeatedly at a fixed interval.
-//
-// Every timer of the process sits in one deadline-ordered list served by one
-// timer thread, a GlobalThreadPool task named "Timer::timerMain" that lives
-// while the list is non-empty and ends itself when it empties. A due task is
-// handed to the pool, never run on the timer thread, so a slow task delays no
-// other timer. The thread sleeps at most 500 ms at a time, so a new timer
-// earlier than the one it sleeps toward is seen within about half a second;
-// that is the resolution. Repeating timers keep their phase (deadline +=
-// interval). Deadlines follow the wall clock (get_current_time()).
-//
-// Thread safety: createTimerWithTask, cancel and the timer thread are
-// serialised by TimerThreadState's mutex, which also guards iTimers and every
-// deadline; its condition value is 1 while a timer thread runs, 0 otherwise.
-// cancel() returning true guarantees only that the task will not be handed to
-// the pool again; a task already handed over still runs.
+/// @file
+/// Timer: runs a task once after a delay, or repeatedly at a fixed interval.
+///
+/// Every timer of the process sits in one deadline-ordered list served by one
+/// timer thread, a GlobalThreadPool task named "Timer::timerMain" that lives
+/// while the list is non-empty and ends itself when it empties. A due task is
+/// handed to the pool, never run on the timer thread, so a slow task delays no
+/// other timer. The thread sleeps at most 500 ms at a time, so a new timer
+/// earlier than the one it sleeps toward is seen within about half a second;
+/// that is the resolution. Repeating timers keep their phase (deadline +=
+/// interval). Deadlines follow the wall clock (get_current_time()).
+///
+/// Thread safety: createTimerWithTask, cancel and the timer thread are
+/// serialised by TimerThreadState's mutex, which also guards iTimers and every
+/// deadline; its condition value is 1 while a timer thread runs, 0 otherwise.
+/// cancel() returning true guarantees only that the task will not be handed to
+/// the pool again; a task already handed over still runs.
 #ifndef ORV_CORE_UTILITY_THREADS_ORV_TIMER_H
 #define ORV_CORE_UTILITY_THREADS_ORV_TIMER_H
 
@@ -31,15 +32,15 @@ namespace Threads {
 
 class ORV_API Timer {
  public:
-  // Runs task after ms milliseconds and, when repeat is true, every ms
-  // milliseconds after that. A null task is logged and scheduled all the
-  // same. Empty when the timer thread could not be started (the timer then
-  // stays listed and fires once a later call starts a thread).
+  /// Runs task after ms milliseconds and, when repeat is true, every ms
+  /// milliseconds after that. A null task is logged and scheduled all the
+  /// same. Empty when the timer thread could not be started (the timer then
+  /// stays listed and fires once a later call starts a thread).
   static Memory::orv_shared_ptr<Timer> createTimerWithTask(
       Memory::orv_shared_ptr<ASRDispatchTaskBase> task, int ms, bool repeat);
-  // True when the timer was still listed.
+  /// True when the timer was still listed.
   bool cancel();
-  // The timer thread's body; the argument is not used.
+  /// The timer thread's body; the argument is not used.
   static void timerMain(Memory::orv_shared_ptr_base* unused);
 
   Timer();
@@ -51,8 +52,8 @@ class ORV_API Timer {
   uint64_t _start_time;
   Memory::orv_shared_ptr<ASRDispatchTaskBase> _task;
 
-  // Never destroyed: the timer thread, a pool thread, may still run while
-  // the static destructors do at exit.
+  /// Never destroyed: the timer thread, a pool thread, may still run while
+  /// the static destructors do at exit.
   static std::list<Memory::orv_shared_ptr<Timer>>& iTimers;
   static Synchronization::AppConditionMutex& TimerThreadState;
 };

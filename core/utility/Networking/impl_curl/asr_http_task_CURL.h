@@ -1,33 +1,34 @@
-// orv_HttpTask_impl: the streaming HTTP task behind
-// orv_http_request_maker::get_instance(). One long-lived libcurl transfer in
-// one of three modes, chosen by the request's _transfer_mode:
-//   1 chunked post: a chunked body fed by send_data, the response streamed
-//     back piece by piece; runs on a GlobalThreadPool thread;
-//   2 chunked upload: a chunked body fed by send_data, the response dropped;
-//   3 chunked download: a POST of one zero byte, the response streamed back,
-//     watched by an inactivity timer (2000, 60000 or 12000 ms by the request's
-//     _download_timeout_class);
-// modes 2 and 3 run on the task's own serial queue (m_managerMain).
-//
-// Use: get_instance(); start_request(request, callback, userData) once;
-// send_data(...) any number of times from one producer thread, the last piece
-// with last = true (an empty piece will do); release_instance() before
-// dropping the pointer. Each received piece reaches the callback as its own
-// response (status 200, error 0). The end: error 4 (transport failure) or
-// error 1 (download inactivity) once; otherwise a final response carrying the
-// status when it is outside 201..299 (error 6 for a download ending with 200);
-// nothing for 201..299.
-//
-// Threading: start_request, send_data, cancel and release_instance run on the
-// caller's threads; libcurl and its callbacks on the transfer thread; the
-// inactivity report on the refresh timer's pool thread. The send condition
-// guards the send queue, the queued byte count and the last-piece flag, and
-// the transfer thread waits on it inside the read callback until data, the
-// last piece or a cancel arrives. The task lock guards the inactivity timer.
-// The user callback is called with no lock of the task held, so it may call
-// cancel. Once release_instance has returned no callback is made any more;
-// called from inside a callback it does not wait for that callback's own
-// transfer.
+/// @file
+/// orv_HttpTask_impl: the streaming HTTP task behind
+/// orv_http_request_maker::get_instance(). One long-lived libcurl transfer in
+/// one of three modes, chosen by the request's _transfer_mode:
+///   1 chunked post: a chunked body fed by send_data, the response streamed
+///     back piece by piece; runs on a GlobalThreadPool thread;
+///   2 chunked upload: a chunked body fed by send_data, the response dropped;
+///   3 chunked download: a POST of one zero byte, the response streamed back,
+///     watched by an inactivity timer (2000, 60000 or 12000 ms by the request's
+///     _download_timeout_class);
+/// modes 2 and 3 run on the task's own serial queue (m_managerMain).
+///
+/// Use: get_instance(); start_request(request, callback, userData) once;
+/// send_data(...) any number of times from one producer thread, the last piece
+/// with last = true (an empty piece will do); release_instance() before
+/// dropping the pointer. Each received piece reaches the callback as its own
+/// response (status 200, error 0). The end: error 4 (transport failure) or
+/// error 1 (download inactivity) once; otherwise a final response carrying the
+/// status when it is outside 201..299 (error 6 for a download ending with 200);
+/// nothing for 201..299.
+///
+/// Threading: start_request, send_data, cancel and release_instance run on the
+/// caller's threads; libcurl and its callbacks on the transfer thread; the
+/// inactivity report on the refresh timer's pool thread. The send condition
+/// guards the send queue, the queued byte count and the last-piece flag, and
+/// the transfer thread waits on it inside the read callback until data, the
+/// last piece or a cancel arrives. The task lock guards the inactivity timer.
+/// The user callback is called with no lock of the task held, so it may call
+/// cancel. Once release_instance has returned no callback is made any more;
+/// called from inside a callback it does not wait for that callback's own
+/// transfer.
 #ifndef ORV_CORE_UTILITY_NETWORKING_IMPL_CURL_ASR_HTTP_TASK_CURL_H
 #define ORV_CORE_UTILITY_NETWORKING_IMPL_CURL_ASR_HTTP_TASK_CURL_H
 
@@ -47,15 +48,15 @@
 #include "core/utility/Threads/Synchronization/AppMutex.h"
 #include "core/utility/Threads/orv_Timer_refresh.h"
 
-// libcurl's own declarations, so that this header needs no libcurl headers.
+/// libcurl's own declarations, so that this header needs no libcurl headers.
 typedef void CURL;
 struct curl_slist;
 
 namespace orv {
 namespace Networking {
 
-// The work order handed from a start function to perform_request. Whatever
-// it still owns when destroyed (a transfer dropped before it ran) is freed.
+/// The work order handed from a start function to perform_request. Whatever
+/// it still owns when destroyed (a transfer dropped before it ran) is freed.
 struct ORV_API wrap_params {
   wrap_params();
   ~wrap_params();
@@ -64,7 +65,7 @@ struct ORV_API wrap_params {
 
   CURL* _curl;
   curl_slist* _headers;
-  curl_slist* _resolve;  // may be null
+  curl_slist* _resolve;  ///< may be null
   int32_t _download_timeout_class;
 };
 
@@ -76,62 +77,62 @@ class ORV_API orv_HttpTask_impl : public orv_http_request_maker {
   void start_request(Memory::orv_shared_ptr<orv_HttpRequest> request,
                      orv_http_response_callback callback,
                      Memory::orv_shared_ptr_base* userData) override;
-  // Ignored before start_request. Queues length bytes (a bad piece, negative
-  // or null with a positive length, queues nothing) and records last.
+  /// Ignored before start_request. Queues length bytes (a bad piece, negative
+  /// or null with a positive length, queues nothing) and records last.
   void send_data(Memory::orv_shared_ptr<unsigned char>& data, long length, bool last) override;
   void cancel() override;
   void release_instance() override;
 
   static bool contain_https(const char* url);
 
-  // Streaming transfers.
+  /// Streaming transfers.
   static size_t read_callback(char* buffer, size_t size, size_t count, void* self);
   static size_t write_callback(char* data, size_t size, size_t count, void* self);
   static size_t header_callback(char* data, size_t size, size_t count, void* self);
   static int chunk_http_progress_cb(void* task, double, double, double, double);
-  // The inactivity timer's task; its argument is a weak pointer to the task.
+  /// The inactivity timer's task; its argument is a weak pointer to the task.
   static void timer_callback(Memory::orv_shared_ptr_base* param);
 
-  // One-shot transfers (orv_http_request_maker::execute, network_connect).
+  /// One-shot transfers (orv_http_request_maker::execute, network_connect).
   static size_t http_receive_data_cb(char* data, size_t size, size_t count, void* response);
   static size_t http_receive_header_cb(char* data, size_t size, size_t count, void* response);
   static int http_progress_cb(void* request, double, double, double, double);
 
-  // Runs the transfer; param holds an orv_shared_ptr<wrap_params>.
+  /// Runs the transfer; param holds an orv_shared_ptr<wrap_params>.
   void perform_request(Memory::orv_shared_ptr_base* param);
 
   orv_HttpTask_impl(const orv_HttpTask_impl&) = delete;
   orv_HttpTask_impl& operator=(const orv_HttpTask_impl&) = delete;
 
   orv_http_response_callback _callback;
-  Memory::orv_shared_ptr_base* _user_data;  // not owned
+  Memory::orv_shared_ptr_base* _user_data;  ///< not owned
   Memory::orv_shared_ptr<PCMQueue> _send_queue;
-  Memory::orv_shared_ptr<Threads::RefreshTimer> _inactivity_timer;  // under _task_lock
+  Memory::orv_shared_ptr<Threads::RefreshTimer> _inactivity_timer;  ///< under _task_lock
   std::atomic<bool> _stopped;
-  bool _last_chunk_given;  // under _send_condition
+  bool _last_chunk_given;  ///< under _send_condition
   bool _secure;
-  int32_t _queued_bytes;   // under _send_condition
+  int32_t _queued_bytes;   ///< under _send_condition
   Threads::Synchronization::AppConditionMutex* _send_condition;
   int32_t _mode;
   Threads::Synchronization::AppMutex* _task_lock;
   Memory::orv_shared_ptr<Threads::DispatchQueue> m_managerMain;
 
-  // Callbacks in progress (the condition word) and whether release_instance
-  // has closed the task to further callbacks.
+  /// Callbacks in progress (the condition word) and whether release_instance
+  /// has closed the task to further callbacks.
   Threads::Synchronization::AppConditionMutex* _callback_gate;
-  bool _released;  // under _callback_gate
+  bool _released;  ///< under _callback_gate
 
  private:
   void upload_chunk_start(Memory::orv_shared_ptr<orv_HttpRequest>& request);
   void download_chunk_start(Memory::orv_shared_ptr<orv_HttpRequest>& request);
   void post_chunk_start(Memory::orv_shared_ptr<orv_HttpRequest>& request);
-  // Steps 2 and 3 shared by the start functions: the URL, its pinning and
-  // TLS options. Fills params->_resolve.
+  /// Steps 2 and 3 shared by the start functions: the URL, its pinning and
+  /// TLS options. Fills params->_resolve.
   void set_url(wrap_params* params, Memory::orv_shared_ptr<orv_HttpRequest>& request,
                bool log_download);
-  // The progress options and the task start, shared by all modes.
+  /// The progress options and the task start, shared by all modes.
   void launch(Memory::orv_shared_ptr<wrap_params>& params, bool on_pool);
-  // Calls the user callback unless release_instance has closed the gate.
+  /// Calls the user callback unless release_instance has closed the gate.
   void deliver(Memory::orv_shared_ptr<orv_HttpResponse>& response);
   void drop_inactivity_timer();
 };

@@ -1,6 +1,7 @@
-// AppLock: scoped lock on an AppMutex. A null mutex makes it do nothing.
-// ReleaseMutex() hands the unlock over to the caller: the destructor then
-// leaves the mutex locked. Not shared between threads.
+/// @file
+/// AppLock: scoped lock on an AppMutex. A null mutex makes it do nothing.
+/// ReleaseMutex() hands the unlock over to the caller: the destructor then
+/// leaves the mutex locked. Not shared between threads.
 #ifndef ORV_CORE_UTILITY_THREADS_SYNCHRONIZATION_APPLOCK_H
 #define ORV_CORE_UTILITY_THREADS_SYNCHRONIZATION_APPLOCK_H
 
@@ -15,7 +16,7 @@ class ORV_API AppLock {
  public:
   explicit AppLock(AppMutex* m);
   ~AppLock();
-  // Forgets the mutex without unlocking it.
+  /// Forgets the mutex without unlocking it.
   void ReleaseMutex();
 
   AppLock(const AppLock&) = delete;

@@ -1,8 +1,9 @@
-// AppSemaphore: a counting semaphore on an AppConditionMutex.
-//
-// wait() blocks only while the count is exactly 0: a count set negative with
-// setValue() does not block and goes further below zero. That is deliberate.
-// All operations may be called from any thread.
+/// @file
+/// AppSemaphore: a counting semaphore on an AppConditionMutex.
+///
+/// wait() blocks only while the count is exactly 0: a count set negative with
+/// setValue() does not block and goes further below zero. That is deliberate.
+/// All operations may be called from any thread.
 #ifndef ORV_CORE_UTILITY_THREADS_SYNCHRONIZATION_APPSEMAPHORE_H
 #define ORV_CORE_UTILITY_THREADS_SYNCHRONIZATION_APPSEMAPHORE_H
 
@@ -20,12 +21,12 @@ class ORV_API AppSemaphore {
   explicit AppSemaphore(int initial);
   virtual ~AppSemaphore();
 
-  // Waits while the count is 0, then decrements; returns the new count.
+  /// Waits while the count is 0, then decrements; returns the new count.
   int wait();
-  // Increments and wakes one waiter; returns the new count.
+  /// Increments and wakes one waiter; returns the new count.
   int post();
   int getValue();
-  // Sets the count; wakes one waiter when it is above 0.
+  /// Sets the count; wakes one waiter when it is above 0.
   void setValue(int value);
 
   AppSemaphore(const AppSemaphore&) = delete;
