@@ -81,7 +81,7 @@ void report(benchmark::State& state, std::vector<Shot>& shots) {
   state.counters["p99_ms"] = late[std::min(late.size() - 1, late.size() * 99 / 100)] / 1e6;
 }
 
-const int kSingleSamples = 12;
+const int kSingleSamples = 25;
 const int kMany = 1000;
 
 // Delays for the 1000-pending case, in creation order.
