@@ -214,8 +214,9 @@ struct PocoQueueTarget {
       threads.emplace_back([this] {
         for (;;) {
           Poco::AutoPtr<Poco::Notification> n(queue.waitDequeueNotification());
-          if (n.isNull()) return;
-          static_cast<ProbeNotification*>(n.get())->probe->hit();
+          Probe* probe = n.isNull() ? nullptr : static_cast<ProbeNotification*>(n.get())->probe;
+          if (probe == nullptr) return;  // stop marker
+          probe->hit();
         }
       });
     }
@@ -225,7 +226,9 @@ struct PocoQueueTarget {
     return true;
   }
   ~PocoQueueTarget() {
-    queue.wakeUpAll();
+    // One stop marker per worker: wakeUpAll would miss a worker that is
+    // between two notifications.
+    for (size_t i = 0; i < threads.size(); ++i) queue.enqueueNotification(new ProbeNotification(nullptr));
     for (auto& t : threads) t.join();
   }
 };
