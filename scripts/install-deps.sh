@@ -7,6 +7,9 @@
 #                                    qemu user-mode emulation (host packages;
 #                                    the armhf libraries go into a sysroot,
 #                                    see scripts/setup-armhf.sh)
+#   scripts/install-deps.sh bench    also the peers the benchmarks compare
+#                                    against (Boost.Asio, POCO, spdlog) and
+#                                    gnuplot for the latency plot
 set -euo pipefail
 
 packages=(
@@ -16,6 +19,9 @@ packages=(
 )
 if [ "${1:-}" = armhf ]; then
   packages+=(crossbuild-essential-armhf qemu-user-static)
+fi
+if [ "${1:-}" = bench ]; then
+  packages+=(libboost-dev libpoco-dev libspdlog-dev gnuplot-nox)
 fi
 
 missing=()

@@ -4,6 +4,7 @@
 
 #include "gtest/gtest.h"
 #include "orv/orv.h"
+#include "core/utility/Memory/orv_shared_ptr_backlog_internal.h"
 
 namespace {
 
@@ -249,6 +250,36 @@ TEST(SharedPtr, ReleasingTheLastPointerHeldByTheObjectItself) {
   raw->self = orv_shared_ptr<Cycle>(raw);
   raw->self.releaseManagedPointer();
   EXPECT_EQ(deaths, 1);
+}
+
+// Backlogs are taken from the front by moving shares between slots: order
+// kept, no count changes, the taken share ends in the destination only, and a
+// share the destination held before is released.
+TEST(SharedPtr, BacklogTakeFrontMovesSharesInOrder) {
+  std::atomic<int> deaths{0};
+  std::vector<orv_shared_ptr<Tracked> > keep, backlog;
+  for (int i = 0; i < 5; ++i) {
+    keep.push_back(orv_shared_ptr<Tracked>(new Tracked(&deaths)));
+    keep.back()->value = i;
+    backlog.push_back(keep.back());
+  }
+  orv_shared_ptr<Tracked> out(new Tracked(&deaths));
+  for (int i = 0; i < 5; ++i) {
+    orv::Memory::take_front(backlog, out);
+    ASSERT_EQ(i, out->value);
+    EXPECT_EQ(2u, strong(keep[i]));
+    EXPECT_EQ(static_cast<size_t>(4 - i), backlog.size());
+    for (size_t k = 0; k < backlog.size(); ++k) {
+      EXPECT_EQ(static_cast<int>(i + 1 + k), backlog[k]->value);
+      EXPECT_EQ(2u, strong(backlog[k]));
+      EXPECT_EQ(2u, total(backlog[k]));
+    }
+  }
+  EXPECT_EQ(1, deaths.load());  // only out's first object
+  out.releaseManagedPointer();
+  EXPECT_EQ(1u, strong(keep[4]));
+  keep.clear();
+  EXPECT_EQ(6, deaths.load());
 }
 
 TEST(SharedPtr, ManyThreadsCopyAndReleaseOneObject) {

@@ -32,7 +32,7 @@ class ORV_API orv_shared_ptr_base {
   /// A new heap pointer of the same kind and type on the same object; the
   /// receiver owns it and deletes it through the virtual destructor.
   virtual orv_shared_ptr_base* getRefPtr() const;
-  virtual ~orv_shared_ptr_base();
+  virtual ~orv_shared_ptr_base() { releaseShare(); }
 
   /// Drops this pointer's share and leaves it empty.
   void releaseManagedPointer();
@@ -62,6 +62,56 @@ class ORV_API orv_shared_ptr_base {
   /// Gives this empty strong pointer a fresh control object on p (counts 1, 1).
   void adopt(void* p, void (*deleter)(orv_shared_ptr_control_object*, void*),
              void (*destructor)(void*));
+
+  // The two counting paths, inline: a copy or a release made in the caller's
+  // code costs the lock and unlock (through the control object's virtual
+  // slots) and no call into the library. releaseManagedPointer and
+  // copyControlObject_base are these same paths, exported.
+  void releaseShare() {
+    orv_shared_ptr_control_object* control = _control;
+    if (control == nullptr) return;
+    // Everything needed is taken from this pointer first: the deleter may
+    // destroy the object that contains this very pointer.
+    void (*deleter)(orv_shared_ptr_control_object*, void*) = _deleter;
+    bool strong = _is_strong;
+    _control = nullptr;
+
+    control->Lock();
+    if (strong) {
+      --control->_strong_count;
+      void* object = control->_ptr.load(std::memory_order_relaxed);
+      if (control->_strong_count == 0 && object != nullptr) {
+        control->_ptr.store(nullptr, std::memory_order_relaxed);
+        control->Unlock();
+        if (deleter != nullptr) deleter(control, object);
+        control->Lock();
+      }
+    }
+    --control->_ref_count;
+    if (control->_ref_count == 0) {
+      control->Unlock();
+      delete control;
+    } else {
+      control->Unlock();
+    }
+  }
+
+  void shareFrom(const orv_shared_ptr_base* other) {
+    orv_shared_ptr_control_object* control = other != nullptr ? other->_control : nullptr;
+    void (*deleter)(orv_shared_ptr_control_object*, void*) = nullptr;
+    if (control != nullptr) {
+      control->Lock();
+      ++control->_ref_count;
+      if (_is_strong) {
+        ++control->_strong_count;
+        deleter = other->_deleter;
+      }
+      control->Unlock();
+    }
+    releaseShare();
+    _control = control;
+    if (control != nullptr && _is_strong) _deleter = deleter;
+  }
 };
 
 template <class T>
@@ -110,7 +160,7 @@ class orv_shared_ptr : public orv_shared_ptr_base {
 
  private:
   void share(const orv_shared_ptr_base& other) {
-    copyControlObject_base(&other);
+    shareFrom(&other);
     _deleter = &deleteManagedPointer;
   }
 };
@@ -119,18 +169,16 @@ template <class T>
 class orv_weak_ptr : public orv_shared_ptr_base {
  public:
   orv_weak_ptr() : orv_shared_ptr_base(false) {}
-  orv_weak_ptr(const orv_weak_ptr& other) : orv_shared_ptr_base(false) {
-    copyControlObject_base(&other);
-  }
+  orv_weak_ptr(const orv_weak_ptr& other) : orv_shared_ptr_base(false) { shareFrom(&other); }
   orv_weak_ptr(const orv_shared_ptr_base& other) : orv_shared_ptr_base(false) {
-    copyControlObject_base(&other);
+    shareFrom(&other);
   }
   orv_weak_ptr& operator=(const orv_weak_ptr& other) {
-    copyControlObject_base(&other);
+    shareFrom(&other);
     return *this;
   }
   orv_weak_ptr& operator=(const orv_shared_ptr_base& other) {
-    copyControlObject_base(&other);
+    shareFrom(&other);
     return *this;
   }
 

@@ -1,5 +1,6 @@
 #include "core/utility/Threads/AppRunloop.h"
 
+#include "core/utility/Memory/orv_shared_ptr_backlog_internal.h"
 #include "core/utility/orv_log.h"
 
 namespace orv {
@@ -156,8 +157,8 @@ TaskPtr AppRunloop::popTask() {
     for (unsigned i = 0; i < _queue_count; ++i) {
       std::vector<TaskPtr>& queue = _queues[i];
       if (queue.empty()) continue;
-      TaskPtr task = queue.front();
-      queue.erase(queue.begin());
+      TaskPtr task;
+      Memory::take_front(queue, task);
       bool more = false;
       for (unsigned j = i; j < _queue_count && !more; ++j) more = !_queues[j].empty();
       _queue_mutex->unlockWithCondition(more ? 1 : 0);

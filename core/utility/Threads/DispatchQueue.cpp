@@ -1,5 +1,6 @@
 #include "core/utility/Threads/DispatchQueue.h"
 
+#include "core/utility/Memory/orv_shared_ptr_backlog_internal.h"
 #include "core/utility/Threads/GlobalThreadPool.h"
 #include "core/utility/Threads/Synchronization/AppLock.h"
 #include "core/utility/orv_assert.h"
@@ -14,7 +15,6 @@ using Synchronization::AppLock;
 
 typedef orv_shared_ptr<ASRDispatchTaskBase> TaskPtr;
 typedef orv_shared_ptr<DispatchQueueTask> QueueTaskPtr;
-
 namespace {
 const int kRunning = 0, kStopping = 1, kStopped = 2;  // the condition word
 }  // namespace
@@ -116,8 +116,7 @@ QueueTaskPtr DispatchQueue::dispatchQueueTaskFinished(QueueTaskPtr& /*finished*/
   _state_condition->Lock();
   ++_free_slots;
   if (!_pending_tasks.empty()) {
-    next = _pending_tasks.front();
-    _pending_tasks.erase(_pending_tasks.begin());
+    Memory::take_front(_pending_tasks, next);
     --_free_slots;
     _state_condition->Unlock();
     return next;

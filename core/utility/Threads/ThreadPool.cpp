@@ -1,5 +1,6 @@
 #include "core/utility/Threads/ThreadPool.h"
 
+#include "core/utility/Memory/orv_shared_ptr_backlog_internal.h"
 #include "core/utility/Threads/orv_Timer.h"
 #include "core/utility/orv_clock.h"
 #include "core/utility/orv_log.h"
@@ -162,8 +163,7 @@ void ThreadPool::threadBecameIdle(NodePtr* node_ptr) {
   node->_task.releaseManagedPointer();
 
   if (!_pending.empty()) {
-    node->_task = _pending.front();
-    _pending.erase(_pending.begin());
+    Memory::take_front(_pending, node->_task);
     startOnNode(node);
     _pool_mutex->Unlock();
     return;
