@@ -53,6 +53,24 @@ void BM_MemcpyFloor(benchmark::State& state) {
 }
 BENCHMARK(BM_MemcpyFloor);
 
+// The same copies with the queue's footprint: written at the ring's write
+// position and read five frames behind it, so 16 KB of audio sit between the
+// two copies as in the half-full queue above.
+void BM_MemcpyRingFloor(benchmark::State& state) {
+  std::vector<unsigned char> in = random_bytes(kFrame, 1), out(kFrame), ring(32000);
+  size_t write_at = 5 * kFrame, read_at = 0;
+  for (auto _ : state) {
+    memcpy(ring.data() + write_at, in.data(), kFrame);
+    memcpy(out.data(), ring.data() + read_at, kFrame);
+    write_at = (write_at + kFrame) % 32000;
+    read_at = (read_at + kFrame) % 32000;
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * kFrame);
+}
+BENCHMARK(BM_MemcpyRingFloor);
+
 // Search a 64 KiB text for a pattern placed at its end; arg 0: pattern length,
 // arg 1: alphabet size (4 = DNA-like, 256 = binary).
 struct SearchCase {

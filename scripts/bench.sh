@@ -3,7 +3,7 @@
 # Release preset, runs every benchmark program once (Google Benchmark JSON
 # under build/release/bench-results) and writes bench/RESULTS.md with the
 # figures, the peers' figures and the ratios, plus bench/dispatch_latency.png
-# (gnuplot). Takes about five minutes. Not part of CI.
+# (gnuplot). Takes a few minutes. Not part of CI.
 #   scripts/bench.sh              everything
 #   ORV_BENCH_MIN_TIME=0.1 ...    shorter runs of the micro-benchmarks
 set -euo pipefail
@@ -36,37 +36,20 @@ for b in bench_foundation bench_data bench_threading bench_timers bench_http ben
     continue
   fi
   echo "== $b"
-  ORV_BENCH_SAMPLES_DIR="$PWD/$run/samples" "$bin/$b" \
+  # Short loops are noisy on a shared machine: their median of three counts.
+  repeat=()
+  case $b in
+    bench_foundation|bench_data)
+      repeat=(--benchmark_repetitions=3 --benchmark_report_aggregates_only=true) ;;
+  esac
+  ORV_BENCH_SAMPLES_DIR="$PWD/$run/samples" "$bin/$b" "${repeat[@]}" \
     --benchmark_min_time="$min_time" \
     --benchmark_out="$run/$b.json" --benchmark_out_format=json
 done
 
 # Post-to-start latency distributions (written by bench_threading).
-plot_files=()
-for name in AppRunloop ThreadPool DispatchQueueSerial DispatchQueueConcurrent ContextMessage \
-            AsioStrand AsioThreadPool PocoThreadPool PocoNotificationQueue; do
-  [ -s "$run/samples/$name.cdf" ] && plot_files+=("$name")
-done
-if [ ${#plot_files[@]} -gt 0 ]; then
-  plot="plot"
-  sep=""
-  for name in "${plot_files[@]}"; do
-    plot+="$sep '$run/samples/$name.cdf' using 1:2 with lines lw 2 title '$name'"
-    sep=","
-  done
-  gnuplot <<GNUPLOT
-set terminal pngcairo size 1000,600 noenhanced
-set output '$run/dispatch_latency.png'
-set title 'Post-to-start latency, one task at a time (CDF of 20000 samples)'
-set xlabel 'latency (microseconds, log scale)'
-set ylabel 'fraction of tasks started'
-set logscale x
-set key bottom right
-set grid
-$plot
-GNUPLOT
-  cp "$run/dispatch_latency.png" bench/dispatch_latency.png
-fi
+scripts/bench_plot.sh "$run"
+[ -s "$run/dispatch_latency.png" ] && cp "$run/dispatch_latency.png" bench/dispatch_latency.png
 
 python3 scripts/bench_report.py "$run" bench/RESULTS.md
 echo "wrote bench/RESULTS.md"
