@@ -190,43 +190,43 @@ void AppRunloop::appendStopMarker(unsigned index) {
   _queues[index].push_back(marker);
 }
 
-void AppRunloop::stopRunloop() {
+// Refuses new tasks and queues the stop marker behind everything queued.
+void AppRunloop::requestStop() {
   _queue_mutex->Lock();
   _stopped = true;
   appendStopMarker(_queue_count - 1u);
   _queue_mutex->unlockWithCondition(1);
+}
+
+// Refuses new tasks, drops the queued ones and queues the stop marker first.
+void AppRunloop::requestCancel() {
+  {
+    AppLock lock(_queue_mutex);
+    _stopped = true;
+  }
+  removeTasks();
+  _queue_mutex->Lock();
+  appendStopMarker(0);
+  _queue_mutex->unlockWithCondition(1);
+}
+
+void AppRunloop::stopRunloop() {
+  requestStop();
   detach();
 }
 
 void AppRunloop::stopRunloop_sync() {
-  _queue_mutex->Lock();
-  _stopped = true;
-  appendStopMarker(_queue_count - 1u);
-  _queue_mutex->unlockWithCondition(1);
+  requestStop();
   join();
 }
 
 void AppRunloop::cancel() {
-  {
-    AppLock lock(_queue_mutex);
-    _stopped = true;
-  }
-  removeTasks();
-  _queue_mutex->Lock();
-  appendStopMarker(0);
-  _queue_mutex->unlockWithCondition(1);
+  requestCancel();
   detach();
 }
 
 void AppRunloop::cancel_sync() {
-  {
-    AppLock lock(_queue_mutex);
-    _stopped = true;
-  }
-  removeTasks();
-  _queue_mutex->Lock();
-  appendStopMarker(0);
-  _queue_mutex->unlockWithCondition(1);
+  requestCancel();
   join();
 }
 

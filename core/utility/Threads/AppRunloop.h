@@ -135,6 +135,8 @@ class ORV_API AppRunloop : public AppThread {
  private:
   /// Appends a stop marker to queue index; caller holds _queue_mutex.
   void appendStopMarker(unsigned index);
+  void requestStop();
+  void requestCancel();
 };
 
 }  // namespace Threads
