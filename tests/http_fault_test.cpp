@@ -1,8 +1,10 @@
 // Faults on loopback for the one-shot HTTP path: servers that reset the
 // connection, answer garbage, stall, drip, send huge headers or close in the
-// middle of the body. A transport failure is told only by the log and the
+// middle of the body, or die in the middle of the upload. A transport failure is told only by the log and the
 // (partial) body: status stays 200 and the error code 0. A cancel gives 2.
 // Every case has a request time-out and must end well within its bound.
+#include <string.h>
+
 #include <chrono>
 #include <string>
 #include <thread>
@@ -131,6 +133,24 @@ TEST_F(HttpFaultTest, HugeHeadersAreAllKeptOrFailTheTransfer) {
   expect_transport_error(giant, log);
   EXPECT_EQ(body(giant), "");
   EXPECT_EQ(giant->_headers.count("X-Big-0"), 0u);
+}
+
+TEST_F(HttpFaultTest, ServerDyingMidUploadIsASilentTransportError) {
+  orv_shared_ptr<orv_HttpRequest> request =
+      orv_HttpRequest::requestWithUrl(server.http_url("/fault/die?after=65536"));
+  request->_timeout_ms = 10000;
+  const size_t size = 4 << 20;
+  unsigned char* block = new unsigned char[size];
+  memset(block, 'u', size);
+  request->_post_data =
+      orv_shared_ptr<unsigned char>(block, &orv_shared_ptr<unsigned char>::arrayDestructor);
+  request->_post_data_len = static_cast<int32_t>(size);
+  StderrCapture capture;
+  Response r = orv_http_request_maker::execute(request);
+  std::string log = capture.text();
+  expect_transport_error(r, log);
+  EXPECT_EQ(body(r), "");
+  EXPECT_EQ(server.count("/fault/die"), 1);
 }
 
 TEST_F(HttpFaultTest, CancelEndsAStalledTransferWithCode2) {

@@ -14,6 +14,7 @@
 #include "gtest/gtest.h"
 #include "orv/orv.h"
 #include "support/http_test_server.h"
+#include "support/streaming_recorder.h"
 #include "support/test_support.h"
 
 namespace {
@@ -24,16 +25,23 @@ using orv::Networking::orv_http_request_maker;
 using orv::Networking::orv_HttpRequest;
 using orv::Networking::orv_HttpResponse;
 using orv::Networking::orv_HttpTask_impl;
+using orv_test::Final;
 using orv_test::HttpTestServer;
+using orv_test::noise;
+using orv_test::record;
+using orv_test::Recorder;
+using orv_test::release_within;
+using orv_test::send;
+using orv_test::transfer_finished;
 using orv_test::wait_until;
 using std::chrono::milliseconds;
 
-typedef orv_shared_ptr<orv_http_request_maker> Maker;
+typedef orv_test::StreamTask Maker;
 typedef orv_shared_ptr<orv_HttpRequest> Request;
 
-const int kPost = 1;
-const int kUpload = 2;
-const int kDownload = 3;
+const int kPost = orv_test::kPostMode;
+const int kUpload = orv_test::kUploadMode;
+const int kDownload = orv_test::kDownloadMode;
 
 bool has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -52,117 +60,10 @@ std::string sha256_hex(const std::string& data) {
   return out;
 }
 
-// Bytes of every value, zero included, in no simple order.
-std::string noise(size_t n, uint32_t seed) {
-  std::string out(n, '\0');
-  for (size_t i = 0; i < n; ++i) {
-    seed = seed * 1103515245u + 12345u;
-    out[i] = static_cast<char>(seed >> 16);
-  }
-  return out;
-}
-
-struct Final {
-  int error;
-  int status;
-  std::string message;
-};
-
-// What the callback saw: the concatenated pieces and the end reports (a
-// response without body). After `released` is set, any call is a fault.
-struct Recorder {
-  std::mutex mutex;
-  std::string data;
-  int pieces = 0;
-  std::vector<Final> finals;
-  std::atomic<bool> released{false};
-  std::atomic<int> late_calls{0};
-  Maker self_seen;
-
-  std::string received() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return data;
-  }
-  size_t received_size() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return data.size();
-  }
-  int piece_count() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return pieces;
-  }
-  std::vector<Final> ends() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return finals;
-  }
-};
-
-void record(Maker& maker, orv_shared_ptr<orv_HttpResponse>& response, orv_shared_ptr_base* user) {
-  Recorder* r = static_cast<orv_shared_ptr<Recorder>*>(user)->getPTR();
-  if (r->released.load()) r->late_calls++;
-  std::lock_guard<std::mutex> lock(r->mutex);
-  if (!r->self_seen) r->self_seen = maker;
-  if (response->_length > 1) {
-    r->data.append(response->_data.getPTR(), response->_length - 1);
-    r->pieces++;
-  } else {
-    r->finals.push_back({response->_error_code, response->_http_status, response->_message});
-  }
-}
-
-orv_shared_ptr<unsigned char> bytes_of(const std::string& s) {
-  unsigned char* block = new unsigned char[s.size() + 1];
-  memcpy(block, s.data(), s.size());
-  return orv_shared_ptr<unsigned char>(block, &orv_shared_ptr<unsigned char>::arrayDestructor);
-}
-
-void send(Maker& maker, const std::string& piece, bool last) {
-  orv_shared_ptr<unsigned char> data = bytes_of(piece);
-  maker->send_data(data, static_cast<long>(piece.size()), last);
-}
-
-// Runs work on a detached thread and waits at most bound for it: a hang
-// shows as a failure, not as a stuck test (the thread keeps what it uses).
-bool within(std::function<bool()> work, milliseconds bound) {
-  auto done = std::make_shared<std::promise<bool>>();
-  std::future<bool> result = done->get_future();
-  std::thread([work, done] { done->set_value(work()); }).detach();
-  return result.wait_for(bound) == std::future_status::ready && result.get();
-}
-
-// The task's serial queue has run everything submitted before (its
-// transfer included) when a no-op queued behind it has run.
-bool transfer_finished(Maker maker, milliseconds bound = milliseconds(20000)) {
-  return within(
-      [maker] {
-        orv_HttpTask_impl* impl = static_cast<orv_HttpTask_impl*>(maker.getPTR());
-        return impl->m_managerMain->runTaskSync([](orv_shared_ptr_base*) {}, nullptr);
-      },
-      bound);
-}
-
-bool release_within(Maker maker, milliseconds bound = milliseconds(20000)) {
-  return within(
-      [maker] {
-        maker->release_instance();
-        return true;
-      },
-      bound);
-}
-
 class HttpStreamingTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(server.start()) << server.error(); }
-  // The refresh timer's thread notices an emptied list only when it wakes;
-  // let it end before the process does (it uses a static of the library).
-  void TearDown() override {
-    EXPECT_TRUE(wait_until([] {
-      orv::Threads::RefreshTimer::TimerThreadState.Lock();
-      int state = orv::Threads::RefreshTimer::TimerThreadState._condition;
-      orv::Threads::RefreshTimer::TimerThreadState.Unlock();
-      return state == 0;
-    }));
-  }
+  void TearDown() override { EXPECT_TRUE(wait_until(orv_test::refresh_timer_thread_idle)); }
 
   Maker start(int mode, const std::string& url, int timeout_class = 0,
               const std::map<std::string, std::string>& headers = {}) {

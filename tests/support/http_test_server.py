@@ -67,6 +67,8 @@ Endpoints (every request except /_stats is counted by path):
   /fault/huge_headers   200 with ?count= extra header lines (100) of ?size= bytes (40)
                         each, named X-Big-<i>, then the body "big"
   /fault/truncate       200 announcing ?length= bytes (1000), sends ?sent= (100), closes
+  /fault/die            reads ?after= bytes (65536) of the request body (chunked or
+                        not), then resets the connection: a server dying mid-upload
 
 New endpoints are functions taking (handler, query) added to ROUTES (exact paths) or
 PREFIX_ROUTES; read_body() already understands chunked request bodies,
@@ -360,10 +362,31 @@ def route_duplex(handler, query):
     handler.wfile.flush()
 def route_fault_reset(handler, query):
     read_body(handler)
+    reset_connection(handler)
+
+
+def reset_connection(handler):
     # SO_LINGER with a zero time-out makes close() send RST instead of FIN.
     handler.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
     handler.close_connection = True
     handler.connection.close()
+
+
+def route_fault_die(handler, query):
+    after = int(param(query, "after", "65536"))
+    got = 0
+    try:
+        if "chunked" in handler.headers.get("Transfer-Encoding", "").lower():
+            for data in read_chunks(handler):
+                got += len(data)
+                if got >= after:
+                    break
+        else:
+            length = int(handler.headers.get("Content-Length", "0") or "0")
+            got = len(handler.rfile.read(min(after, length)))
+    except (EOFError, OSError, ssl.SSLError):
+        pass
+    reset_connection(handler)
 
 
 def route_fault_garbage(handler, query):
@@ -496,6 +519,7 @@ ROUTES = {
     "/fault/drip": route_fault_drip,
     "/fault/huge_headers": route_fault_huge_headers,
     "/fault/truncate": route_fault_truncate,
+    "/fault/die": route_fault_die,
 }
 PREFIX_ROUTES = {
     "/status/": route_status,

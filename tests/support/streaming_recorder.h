@@ -1,0 +1,143 @@
+// Helpers for tests of streaming tasks: a recorder that the result callback
+// fills (pieces concatenated, end reports listed, calls after a release
+// counted), feeding send_data from strings, and bounded waits for the end of
+// a transfer and for release_instance. Thread-safe: the callback runs on the
+// transfer thread while the test reads.
+#ifndef ORV_TESTS_SUPPORT_STREAMING_RECORDER_H
+#define ORV_TESTS_SUPPORT_STREAMING_RECORDER_H
+
+#include <stdint.h>
+#include <string.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "orv/orv.h"
+
+namespace orv_test {
+
+typedef orv::Memory::orv_shared_ptr<orv::Networking::orv_http_request_maker> StreamTask;
+
+const int kPostMode = 1;
+const int kUploadMode = 2;
+const int kDownloadMode = 3;
+
+// Bytes of every value, zero included, in no simple order.
+inline std::string noise(size_t n, uint32_t seed) {
+  std::string out(n, '\0');
+  for (size_t i = 0; i < n; ++i) {
+    seed = seed * 1103515245u + 12345u;
+    out[i] = static_cast<char>(seed >> 16);
+  }
+  return out;
+}
+
+struct Final {
+  int error;
+  int status;
+  std::string message;
+};
+
+// What the callback saw: the concatenated pieces and the end reports (a
+// response without body). After `released` is set, any call is a fault.
+struct Recorder {
+  std::mutex mutex;
+  std::string data;
+  int pieces = 0;
+  std::vector<Final> finals;
+  std::atomic<bool> released{false};
+  std::atomic<int> late_calls{0};
+  StreamTask self_seen;
+
+  std::string received() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return data;
+  }
+  size_t received_size() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return data.size();
+  }
+  int piece_count() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return pieces;
+  }
+  std::vector<Final> ends() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return finals;
+  }
+};
+
+// The result callback; its user data is an orv_shared_ptr<Recorder>*.
+inline void record(StreamTask& task,
+                   orv::Memory::orv_shared_ptr<orv::Networking::orv_HttpResponse>& response,
+                   orv::Memory::orv_shared_ptr_base* user) {
+  Recorder* r = static_cast<orv::Memory::orv_shared_ptr<Recorder>*>(user)->getPTR();
+  if (r->released.load()) r->late_calls++;
+  std::lock_guard<std::mutex> lock(r->mutex);
+  if (!r->self_seen) r->self_seen = task;
+  if (response->_length > 1) {
+    r->data.append(response->_data.getPTR(), response->_length - 1);
+    r->pieces++;
+  } else {
+    r->finals.push_back({response->_error_code, response->_http_status, response->_message});
+  }
+}
+
+inline void send(StreamTask& task, const std::string& piece, bool last) {
+  unsigned char* block = new unsigned char[piece.size() + 1];
+  memcpy(block, piece.data(), piece.size());
+  orv::Memory::orv_shared_ptr<unsigned char> data(
+      block, &orv::Memory::orv_shared_ptr<unsigned char>::arrayDestructor);
+  task->send_data(data, static_cast<long>(piece.size()), last);
+}
+
+// Runs work on a detached thread and waits at most bound for it: a hang
+// shows as a failure, not as a stuck test (the thread keeps what it uses).
+inline bool within(std::function<bool()> work, std::chrono::milliseconds bound) {
+  auto done = std::make_shared<std::promise<bool>>();
+  std::future<bool> result = done->get_future();
+  std::thread([work, done] { done->set_value(work()); }).detach();
+  return result.wait_for(bound) == std::future_status::ready && result.get();
+}
+
+// The task's serial queue has run everything submitted before (its
+// transfer included) when a no-op queued behind it has run.
+inline bool transfer_finished(StreamTask task,
+                              std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
+  return within(
+      [task] {
+        auto* impl = static_cast<orv::Networking::orv_HttpTask_impl*>(task.getPTR());
+        return impl->m_managerMain->runTaskSync([](orv::Memory::orv_shared_ptr_base*) {}, nullptr);
+      },
+      bound);
+}
+
+inline bool release_within(StreamTask task,
+                           std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
+  return within(
+      [task] {
+        task->release_instance();
+        return true;
+      },
+      bound);
+}
+
+// The refresh timer's thread notices an emptied list only when it wakes; a
+// test lets it end before the process does (it uses a static of the library).
+inline bool refresh_timer_thread_idle() {
+  orv::Threads::RefreshTimer::TimerThreadState.Lock();
+  int state = orv::Threads::RefreshTimer::TimerThreadState._condition;
+  orv::Threads::RefreshTimer::TimerThreadState.Unlock();
+  return state == 0;
+}
+
+}  // namespace orv_test
+
+#endif  // ORV_TESTS_SUPPORT_STREAMING_RECORDER_H
