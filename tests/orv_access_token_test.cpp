@@ -293,6 +293,57 @@ TEST_F(AccessTokenTest, FailureTextsWordForWord) {
   }
 }
 
+TEST_F(AccessTokenTest, MisbehavingEndpointsEndTheFetchWithAText) {
+  const std::string empty = "FAILED TO GET ACCESS TOKEN, EMPTY DATA (HTTP STATUS 200)";
+  const std::string unparsable = "FAILED TO GET ACCESS TOKEN, FAILED TO PARSE RESPONSE!";
+  struct Case {
+    std::string path;
+    std::string error;
+  };
+  // Transport failures are silent below the fetcher: it sees what arrived.
+  const Case cases[] = {
+      {"/fault/reset", empty},
+      {"/fault/garbage", empty},
+      {"/fault/huge_headers?count=1&size=1000000", empty},
+      {"/fault/truncate?length=1000&sent=100", unparsable},
+      {"/fault/drip?n=5&interval=0.05", unparsable},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    orv_AccessToken::setTokenEndpoint(server.http_url(c.path));
+    Token t = orv_AccessToken::alloc();
+    t->setKeys(str("api"), str("secret"));
+    Outcome o = fetch(t);
+    EXPECT_EQ(o.token, "<null>");
+    EXPECT_EQ(o.error, c.error);
+  }
+}
+
+TEST_F(AccessTokenTest, SilentEndpointHoldsWaitersOnlyUntilTheFetchTimesOut) {
+  orv_AccessToken::setTokenEndpoint(server.http_url("/fault/stall?delay=60"));
+  Token t = orv_AccessToken::alloc();
+  auto started = std::chrono::steady_clock::now();
+  t->setKeys(str("api"), str("secret"));
+  ASSERT_TRUE(wait_until([&] { return server.count("/fault/stall") == 1; }));
+  bool flag = false;
+  std::future<Outcome> patient = fetch_async(t);
+  std::future<Outcome> leaving = fetch_async(t, &flag);
+  EXPECT_FALSE(ready(patient, std::chrono::milliseconds(200)));
+  // A cancelled waiter leaves at once; the other stays for the fetch.
+  t->cancelTokenWaitWithHandle(&flag);
+  ASSERT_TRUE(ready(leaving, std::chrono::seconds(10)));
+  EXPECT_EQ(leaving.get().error, "Cancelled");
+  EXPECT_FALSE(ready(patient));
+  // The fetch's own 15 s time-out ends the silence.
+  ASSERT_TRUE(ready(patient, std::chrono::seconds(40)));
+  auto waited = std::chrono::steady_clock::now() - started;
+  EXPECT_GE(waited, std::chrono::milliseconds(14500));
+  Outcome o = patient.get();
+  EXPECT_EQ(o.token, "<null>");
+  EXPECT_EQ(o.error, "FAILED TO GET ACCESS TOKEN, EMPTY DATA (HTTP STATUS 200)");
+  EXPECT_EQ(server.count("/fault/stall"), 1);
+}
+
 TEST_F(AccessTokenTest, LogLinesAtTraceAndDebug) {
   orv::set_log_level(orv::LOG_TRACE);
   StderrCapture capture;

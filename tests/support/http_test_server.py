@@ -39,6 +39,8 @@ Endpoints (every request except /_stats is counted by path):
                         401 invalid_client). Every request is a fetch (counted by path).
                         ?answer=token (default): {"access_token": ?token= or
                         "orv-token-<fetch number>", "expires_in": 2592000};
+                        ?answer=client: {"access_token": "tok-<client_id>-<client_secret>-
+                        <fetch number>"}, to tell which keys a token was fetched with;
                         ?answer=error: status ?status= (401), {"error": "invalid_client",
                         "error_description": ?description=}; ?answer=raw: status
                         ?status= (200), body ?body= exactly (may be empty).
@@ -480,6 +482,9 @@ def route_token(handler, query):
     elif answer == "raw":
         send_bytes(handler, int(param(query, "status", "200")),
                    param(query, "body").encode("utf-8"), "application/json")
+    elif answer == "client":
+        token = "tok-%s-%s-%d" % (param(form, "client_id"), param(form, "client_secret"), fetch)
+        token_json(handler, 200, {"access_token": token, "expires_in": 2592000})
     else:
         token_json(handler, 200, {"access_token": param(query, "token", "orv-token-%d" % fetch),
                                   "expires_in": 2592000})
