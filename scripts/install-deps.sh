@@ -15,7 +15,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config clang libclang-rt-14-dev python3 openssl
   libcurl4-openssl-dev libssl-dev uuid-dev libcjson-dev
-  libgtest-dev libgmock-dev libbenchmark-dev doxygen
+  libgtest-dev libgmock-dev libbenchmark-dev doxygen valgrind
 )
 if [ "${1:-}" = armhf ]; then
   packages+=(crossbuild-essential-armhf qemu-user-static)
