@@ -1,7 +1,8 @@
 // Faults on loopback for the one-shot HTTP path: servers that reset the
-// connection, answer garbage, stall, drip, send huge headers or close in the
-// middle of the body, or die in the middle of the upload. A transport failure is told only by the log and the
-// (partial) body: status stays 200 and the error code 0. A cancel gives 2.
+// connection, answer garbage, stall, drip, send huge headers, close in the
+// middle of the body or die in the middle of the upload. A transport failure
+// is told only by the log and the (partial) body: status stays 200 and the
+// error code 0. A cancel gives 2.
 // Every case has a request time-out and must end well within its bound.
 #include <string.h>
 

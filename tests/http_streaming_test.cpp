@@ -1,12 +1,6 @@
 #include <openssl/evp.h>
-#include <string.h>
 
-#include <atomic>
 #include <chrono>
-#include <functional>
-#include <future>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>

@@ -376,18 +376,18 @@ def reset_connection(handler):
 
 def route_fault_die(handler, query):
     after = int(param(query, "after", "65536"))
-    got = 0
     try:
         if "chunked" in handler.headers.get("Transfer-Encoding", "").lower():
+            got = 0
             for data in read_chunks(handler):
                 got += len(data)
                 if got >= after:
                     break
         else:
             length = int(handler.headers.get("Content-Length", "0") or "0")
-            got = len(handler.rfile.read(min(after, length)))
+            handler.rfile.read(min(after, length))
     except (EOFError, OSError, ssl.SSLError):
-        pass
+        pass  # the client went first; reset all the same
     reset_connection(handler)
 
 
