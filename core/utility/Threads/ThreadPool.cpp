@@ -31,6 +31,30 @@ PoolThreadListNode::PoolThreadListNode()
 
 PoolThreadListNode::~PoolThreadListNode() {}
 
+namespace {
+
+// The pool's thread lists are doubly linked through the nodes. The idle list
+// keeps a tail (the reaper takes the longest-idle thread from there); the
+// busy list has none (tail null).
+void unlink_node(PoolThreadListNode* node, PoolThreadListNode** head, PoolThreadListNode** tail) {
+  if (node->_prev != nullptr) node->_prev->_next = node->_next;
+  if (node->_next != nullptr) node->_next->_prev = node->_prev;
+  if (*head == node) *head = node->_next;
+  if (tail != nullptr && *tail == node) *tail = node->_prev;
+  node->_next = nullptr;
+  node->_prev = nullptr;
+}
+
+void push_front(PoolThreadListNode* node, PoolThreadListNode** head, PoolThreadListNode** tail) {
+  node->_prev = nullptr;
+  node->_next = *head;
+  if (*head != nullptr) (*head)->_prev = node;
+  *head = node;
+  if (tail != nullptr && *tail == nullptr) *tail = node;
+}
+
+}  // namespace
+
 ThreadPool::ThreadPool()
     : _pool_mutex(new AppConditionMutex(POOL_RUNNING)),
       _idle_head(nullptr),
@@ -55,38 +79,6 @@ orv_shared_ptr<ThreadPool> ThreadPool::alloc(int min_threads) {
   return pool;
 }
 
-void ThreadPool::unlinkIdle(PoolThreadListNode* node) {
-  if (node->_prev != nullptr) node->_prev->_next = node->_next;
-  if (node->_next != nullptr) node->_next->_prev = node->_prev;
-  if (_idle_head == node) _idle_head = node->_next;
-  if (_idle_tail == node) _idle_tail = node->_prev;
-  node->_next = nullptr;
-  node->_prev = nullptr;
-}
-
-void ThreadPool::pushIdleHead(PoolThreadListNode* node) {
-  node->_prev = nullptr;
-  node->_next = _idle_head;
-  if (_idle_head != nullptr) _idle_head->_prev = node;
-  _idle_head = node;
-  if (_idle_tail == nullptr) _idle_tail = node;
-}
-
-void ThreadPool::unlinkBusy(PoolThreadListNode* node) {
-  if (node->_prev != nullptr) node->_prev->_next = node->_next;
-  if (node->_next != nullptr) node->_next->_prev = node->_prev;
-  if (_busy_head == node) _busy_head = node->_next;
-  node->_next = nullptr;
-  node->_prev = nullptr;
-}
-
-void ThreadPool::pushBusyHead(PoolThreadListNode* node) {
-  node->_prev = nullptr;
-  node->_next = _busy_head;
-  if (_busy_head != nullptr) _busy_head->_prev = node;
-  _busy_head = node;
-}
-
 void ThreadPool::startOnNode(PoolThreadListNode* node) {
   ++node->_use_count;
   node->_runloop->runTaskAsync(&ThreadPool::TaskLauncher, &node->_self, 0);
@@ -100,15 +92,15 @@ void ThreadPool::addThread(const char* name) {
   node->_self = node;
   node->_idle_since = 0;
   node->_use_count = 0;
-  pushIdleHead(node.getPTR());
+  push_front(node.getPTR(), &_idle_head, &_idle_tail);
 }
 
 PoolThreadListNode* ThreadPool::dequeIdleThreadForWork(const char* name) {
   if (_idle_head == nullptr) addThread(name);
   PoolThreadListNode* node = _idle_head;
   if (node == nullptr) return nullptr;
-  unlinkIdle(node);
-  pushBusyHead(node);
+  unlink_node(node, &_idle_head, &_idle_tail);
+  push_front(node, &_busy_head, nullptr);
   return node;
 }
 
@@ -169,8 +161,8 @@ void ThreadPool::threadBecameIdle(NodePtr* node_ptr) {
     return;
   }
 
-  unlinkBusy(node);
-  pushIdleHead(node);
+  unlink_node(node, &_busy_head, nullptr);
+  push_front(node, &_idle_head, &_idle_tail);
   node->_idle_since = get_current_time();
 
   // No timer is ever started in _reap_timer; the slot stays empty.
@@ -209,7 +201,7 @@ void ThreadPool::removeUnusedThreads(unsigned long long now) {
   while (_idle_tail != nullptr && _thread_count > _min_threads &&
          static_cast<int64_t>(now) - _idle_tail->_idle_since > kReapIdleMicroseconds) {
     PoolThreadListNode* node = _idle_tail;
-    unlinkIdle(node);
+    unlink_node(node, &_idle_head, &_idle_tail);
     orv_shared_ptr<AppRunloop> loop = node->_runloop;
     node->_self.releaseManagedPointer();
     --_thread_count;

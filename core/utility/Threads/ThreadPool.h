@@ -118,10 +118,6 @@ class ORV_API ThreadPool {
   ThreadPool();
 
  private:
-  void unlinkIdle(PoolThreadListNode* node);
-  void pushIdleHead(PoolThreadListNode* node);
-  void unlinkBusy(PoolThreadListNode* node);
-  void pushBusyHead(PoolThreadListNode* node);
   void startOnNode(PoolThreadListNode* node);
 };
 

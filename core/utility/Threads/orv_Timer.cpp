@@ -1,9 +1,6 @@
 #include "core/utility/Threads/orv_Timer.h"
 
-#include <algorithm>
-
 #include "core/utility/Memory/singleton.h"
-#include "core/utility/Threads/AppThread.h"
 #include "core/utility/Threads/GlobalThreadPool.h"
 #include "core/utility/Threads/orv_timer_list_internal.h"
 #include "core/utility/orv_clock.h"
@@ -39,18 +36,9 @@ orv_shared_ptr<Timer> Timer::createTimerWithTask(orv_shared_ptr<ASRDispatchTaskB
     ORV_LOG_WARN("[WARN]-[%s][%s:37]NULL task to timer\n");
   }
   detail::insert_by_deadline(iTimers, iTimers.begin(), timer);
-
-  if (TimerThreadState._condition == 1) {
-    TimerThreadState.unlockWithCondition(1);
-    return timer;
-  }
-  orv_shared_ptr<GlobalThreadPool> pool = Singleton<GlobalThreadPool>::instance();
-  if (!pool->runTaskAsync(timerMain, &task, "Timer::timerMain")) {
-    if (task.getPTR() != nullptr) task->releaseResource();
-    TimerThreadState.unlockWithCondition(0);
+  if (!detail::start_timer_thread(TimerThreadState, timerMain, task, "Timer::timerMain")) {
     return orv_shared_ptr<Timer>();
   }
-  TimerThreadState.unlockWithCondition(1);
   return timer;
 }
 
@@ -76,22 +64,7 @@ static void fire_due_timers(uint64_t now) {
 }
 
 void Timer::timerMain(orv_shared_ptr_base* /*unused*/) {
-  for (;;) {
-    TimerThreadState.Lock();
-    if (iTimers.empty()) {
-      TimerThreadState.unlockWithCondition(0);
-      return;
-    }
-    uint64_t now = detail::now_ms();
-    uint64_t deadline = iTimers.front()->_deadline;
-    if (now < deadline) {
-      TimerThreadState.Unlock();
-      AppThread::sleep(static_cast<int>(std::min<uint64_t>(deadline - now, 500)));
-      continue;
-    }
-    fire_due_timers(now);
-    TimerThreadState.Unlock();
-  }
+  detail::run_timer_thread(iTimers, TimerThreadState, fire_due_timers);
 }
 
 }  // namespace Threads

@@ -1,9 +1,6 @@
 #include "core/utility/Threads/orv_Timer_refresh.h"
 
-#include <algorithm>
-
 #include "core/utility/Memory/singleton.h"
-#include "core/utility/Threads/AppThread.h"
 #include "core/utility/Threads/GlobalThreadPool.h"
 #include "core/utility/Threads/orv_timer_list_internal.h"
 #include "core/utility/orv_log.h"
@@ -37,18 +34,9 @@ orv_shared_ptr<RefreshTimer> RefreshTimer::createTimerWithTask(
     ORV_LOG_WARN("[WARN]-[%s][%s:38]NULL task to timer\n");
   }
   detail::insert_by_deadline(iTimers, iTimers.begin(), timer);
-
-  if (TimerThreadState._condition == 1) {
-    TimerThreadState.unlockWithCondition(1);
-    return timer;
-  }
-  orv_shared_ptr<GlobalThreadPool> pool = Singleton<GlobalThreadPool>::instance();
-  if (!pool->runTaskAsync(timerMain, &task, "RefreshTimer::timerMain")) {
-    if (task.getPTR() != nullptr) task->releaseResource();
-    TimerThreadState.unlockWithCondition(0);
+  if (!detail::start_timer_thread(TimerThreadState, timerMain, task, "RefreshTimer::timerMain")) {
     return orv_shared_ptr<RefreshTimer>();
   }
-  TimerThreadState.unlockWithCondition(1);
   return timer;
 }
 
@@ -66,26 +54,17 @@ bool RefreshTimer::cancel() {
   return found;
 }
 
-void RefreshTimer::timerMain(orv_shared_ptr_base* /*unused*/) {
-  for (;;) {
-    TimerThreadState.Lock();
-    if (iTimers.empty()) {
-      TimerThreadState.unlockWithCondition(0);
-      return;
-    }
-    uint64_t now = detail::now_ms();
-    uint64_t deadline = iTimers.front()->_deadline;
-    if (now < deadline) {
-      TimerThreadState.Unlock();
-      AppThread::sleep(static_cast<int>(std::min<uint64_t>(deadline - now, 500)));
-      continue;
-    }
-    while (!iTimers.empty() && now >= iTimers.front()->_deadline) {
-      Singleton<GlobalThreadPool>::instance()->runTaskAsync(iTimers.front()->_task, nullptr);
-      iTimers.pop_front();
-    }
-    TimerThreadState.Unlock();
+// Refresh timers fire once: every due one is handed over and dropped.
+static void fire_due_timers(uint64_t now) {
+  std::list<orv_shared_ptr<RefreshTimer>>& timers = RefreshTimer::iTimers;
+  while (!timers.empty() && now >= timers.front()->_deadline) {
+    Singleton<GlobalThreadPool>::instance()->runTaskAsync(timers.front()->_task, nullptr);
+    timers.pop_front();
   }
+}
+
+void RefreshTimer::timerMain(orv_shared_ptr_base* /*unused*/) {
+  detail::run_timer_thread(iTimers, TimerThreadState, fire_due_timers);
 }
 
 }  // namespace Threads

@@ -178,25 +178,44 @@ void orv_HttpTask_impl::set_url(wrap_params* params, orv_shared_ptr<orv_HttpRequ
   curl_easy_setopt(params->_curl, CURLOPT_URL, my_url.c_str());
 }
 
+namespace {
+
+orv_shared_ptr<wrap_params> new_params(CURL* curl, const orv_shared_ptr<orv_HttpRequest>& request) {
+  orv_shared_ptr<wrap_params> params(new wrap_params());
+  params->_curl = curl;
+  params->_download_timeout_class = request->_download_timeout_class;
+  return params;
+}
+
+// The header lines that announce a chunked, compressed body.
+curl_slist* append_chunked_body_lines(curl_slist* headers) {
+  headers = curl_slist_append(headers, "Transfer-Encoding: chunked");
+  headers = curl_slist_append(headers, "Content-Encoding: gzip");
+  return curl_slist_append(headers, "Expect:");
+}
+
+// Options every mode sets: a POST with the header list, no signals.
+void set_post_options(CURL* curl, curl_slist* headers, bool follow_location) {
+  curl_easy_setopt(curl, CURLOPT_POST, 1L);
+  curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
+  curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
+  if (follow_location) curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+}
+
+}  // namespace
+
 void orv_HttpTask_impl::upload_chunk_start(orv_shared_ptr<orv_HttpRequest>& request) {
   CURL* curl = curl_easy_init();
   if (curl == nullptr) {
     ORV_LOG_ERROR("[ERROR]-[%s][%s:474]init curl failed\n");
     return;
   }
-  orv_shared_ptr<wrap_params> params(new wrap_params());
-  params->_curl = curl;
-  params->_download_timeout_class = request->_download_timeout_class;
-  params->_headers = curl_slist_append(params->_headers, "Transfer-Encoding: chunked");
-  params->_headers = curl_slist_append(params->_headers, "Content-Encoding: gzip");
-  params->_headers = curl_slist_append(params->_headers, "Expect:");
+  orv_shared_ptr<wrap_params> params = new_params(curl, request);
+  params->_headers = append_chunked_body_lines(params->_headers);
   set_url(params.getPTR(), request, false);
-  curl_easy_setopt(curl, CURLOPT_POST, 1L);
-  curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
-  curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
-  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, params->_headers);
+  set_post_options(curl, params->_headers, true);
   curl_easy_setopt(curl, CURLOPT_READFUNCTION, &orv_HttpTask_impl::read_callback);
   curl_easy_setopt(curl, CURLOPT_READDATA, &_self);
   // The answer to an upload is not wanted.
@@ -210,18 +229,12 @@ void orv_HttpTask_impl::download_chunk_start(orv_shared_ptr<orv_HttpRequest>& re
     ORV_LOG_ERROR("[ERROR]-[%s][%s:621]init curl failed\n");
     return;
   }
-  orv_shared_ptr<wrap_params> params(new wrap_params());
-  params->_curl = curl;
-  params->_download_timeout_class = request->_download_timeout_class;
+  orv_shared_ptr<wrap_params> params = new_params(curl, request);
   params->_headers = curl_slist_append(params->_headers, "Content-Type: application/octet-stream");
   params->_headers = curl_slist_append(params->_headers, "Accept-Encoding:gzip,deflate");
   params->_headers = curl_slist_append(params->_headers, "Expect:");
   set_url(params.getPTR(), request, true);
-  curl_easy_setopt(curl, CURLOPT_POST, 1L);
-  curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
-  curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, params->_headers);
+  set_post_options(curl, params->_headers, false);
   // One zero byte as the body: the service expects a non-empty POST.
   curl_easy_setopt(curl, CURLOPT_POSTFIELDS, kZeroByteBody);
   curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, 1L);
@@ -236,24 +249,15 @@ void orv_HttpTask_impl::post_chunk_start(orv_shared_ptr<orv_HttpRequest>& reques
     ORV_LOG_ERROR("[ERROR]-[%s][%s:758]init curl failed\n");
     return;
   }
-  orv_shared_ptr<wrap_params> params(new wrap_params());
-  params->_curl = curl;
-  params->_download_timeout_class = request->_download_timeout_class;
+  orv_shared_ptr<wrap_params> params = new_params(curl, request);
   for (const auto& entry : request->_headers) {
     std::string line = entry.first + ": " + entry.second;
     params->_headers = curl_slist_append(params->_headers, line.c_str());
   }
-  params->_headers = curl_slist_append(params->_headers, "Transfer-Encoding: chunked");
-  params->_headers = curl_slist_append(params->_headers, "Content-Encoding: gzip");
-  params->_headers = curl_slist_append(params->_headers, "Expect:");
+  params->_headers = append_chunked_body_lines(params->_headers);
   ORV_LOG_DEBUG("[DEBUG]-[%s][%s:773]post_chunk_start url = %s\n", request->_url.getPTR());
   set_url(params.getPTR(), request, false);
-  curl_easy_setopt(curl, CURLOPT_POST, 1L);
-  curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
-  curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
-  curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, params->_headers);
+  set_post_options(curl, params->_headers, true);
   curl_easy_setopt(curl, CURLOPT_READFUNCTION, &orv_HttpTask_impl::read_callback);
   curl_easy_setopt(curl, CURLOPT_READDATA, &_self);
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &orv_HttpTask_impl::write_callback);
