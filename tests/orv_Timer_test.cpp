@@ -47,29 +47,21 @@ long ms_since(Clock::time_point start, Clock::time_point end) {
   return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(end - start).count());
 }
 
-template <class T>
-int thread_state() {
-  T::TimerThreadState.Lock();
-  int state = T::TimerThreadState._condition;
-  T::TimerThreadState.Unlock();
-  return state;
-}
-
 TEST(TimerTest, OneShotFiresOnceThenTheThreadEnds) {
   orv_shared_ptr<Firings> firings(new Firings());
   Clock::time_point start = Clock::now();
   orv_shared_ptr<Timer> timer = Timer::createTimerWithTask(task_for(firings), 100, false);
   ASSERT_NE(timer.getPTR(), nullptr);
   EXPECT_TRUE(timer->_task->_release_after_execute);
-  EXPECT_EQ(thread_state<Timer>(), 1);
+  EXPECT_EQ(orv_test::timer_thread_state<Timer>(), 1);
   ASSERT_TRUE(wait_until([&] { return firings->count() == 1; }, std::chrono::seconds(5)));
   EXPECT_GE(ms_since(start, firings->at(0)), 99);
   EXPECT_FALSE(timer->cancel());  // no longer listed: it cannot fire again
-  EXPECT_TRUE(wait_until([] { return thread_state<Timer>() == 0; }, std::chrono::seconds(5)));
+  EXPECT_TRUE(wait_until([] { return orv_test::timer_thread_state<Timer>() == 0; }, std::chrono::seconds(5)));
 
   // A new timer starts a new thread.
   orv_shared_ptr<Timer> again = Timer::createTimerWithTask(task_for(firings), 10, false);
-  EXPECT_EQ(thread_state<Timer>(), 1);
+  EXPECT_EQ(orv_test::timer_thread_state<Timer>(), 1);
   ASSERT_TRUE(wait_until([&] { return firings->count() == 2; }, std::chrono::seconds(5)));
 }
 
@@ -84,7 +76,7 @@ TEST(TimerTest, RepeatingTimerKeepsItsPhaseUntilCancelled) {
   // Firing k is never earlier than its slot on the original schedule.
   for (int k = 0; k < fired; ++k) EXPECT_GE(ms_since(start, firings->at(k)), 100 * (k + 1) - 1);
   EXPECT_FALSE(timer->cancel());
-  EXPECT_TRUE(wait_until([] { return thread_state<Timer>() == 0; }, std::chrono::seconds(5)));
+  EXPECT_TRUE(wait_until([] { return orv_test::timer_thread_state<Timer>() == 0; }, std::chrono::seconds(5)));
   EXPECT_LE(firings->count(), fired + 1);  // at most one was already on its way
 }
 
@@ -138,7 +130,7 @@ TEST(RefreshTimerTest, RefreshPushesTheDeadline) {
   EXPECT_GE(ms_since(last_refresh, firings->at(0)), 599);
   EXPECT_FALSE(timer->cancel());
   EXPECT_TRUE(timer->refresh());  // after firing: only the field changes
-  EXPECT_TRUE(wait_until([] { return thread_state<RefreshTimer>() == 0; }, std::chrono::seconds(5)));
+  EXPECT_TRUE(wait_until([] { return orv_test::timer_thread_state<RefreshTimer>() == 0; }, std::chrono::seconds(5)));
   EXPECT_EQ(firings->count(), 1);
 }
 

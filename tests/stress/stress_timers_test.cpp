@@ -16,14 +16,6 @@ using orv::Threads::Timer;
 using orv_stress::Ledger;
 using orv_stress::LedgerTask;
 
-template <class T>
-int thread_state() {
-  T::TimerThreadState.Lock();
-  int state = T::TimerThreadState._condition;
-  T::TimerThreadState.Unlock();
-  return state;
-}
-
 TEST(StressTimers, OneShotCreateCancelStormFiresExactlyTheUncancelled) {
   const int kThreads = 3, kEach = orv_stress::scaled(1500);
   const int total = kThreads * kEach;
@@ -60,7 +52,7 @@ TEST(StressTimers, OneShotCreateCancelStormFiresExactlyTheUncancelled) {
     for (int c : v) expected += c ? 0 : 1;
   }
   ASSERT_TRUE(ledger.wait_for(expected, std::chrono::seconds(30)));
-  EXPECT_TRUE(orv_test::wait_until([] { return thread_state<Timer>() == 0; }, std::chrono::seconds(10)));
+  EXPECT_TRUE(orv_test::wait_until([] { return orv_test::timer_thread_state<Timer>() == 0; }, std::chrono::seconds(10)));
   // Nothing more runs once the list is empty; each timer ran as its cancel() said.
   EXPECT_EQ(ledger.done(), expected);
   int wrong = 0;
@@ -110,7 +102,7 @@ TEST(StressTimers, RepeatingTimersCancelOnceFromManyThreads) {
   }
   for (auto& t : cancellers) t.join();
   EXPECT_EQ(wins, kTimers);
-  EXPECT_TRUE(orv_test::wait_until([] { return thread_state<Timer>() == 0; }, std::chrono::seconds(10)));
+  EXPECT_TRUE(orv_test::wait_until([] { return orv_test::timer_thread_state<Timer>() == 0; }, std::chrono::seconds(10)));
   orv_stress::report("repeating_timers", kTimers);
   orv_stress::report("repeating_firings", firings.load());
 }
@@ -145,7 +137,7 @@ TEST(StressTimers, RefreshTimersRefreshedAndCancelledConcurrently) {
   int expected = 0;
   for (int i = 0; i < kTimers; ++i) expected += cancelled[i] ? 0 : 1;
   ASSERT_TRUE(ledger.wait_for(expected, std::chrono::seconds(30)));
-  EXPECT_TRUE(orv_test::wait_until([] { return thread_state<RefreshTimer>() == 0; },
+  EXPECT_TRUE(orv_test::wait_until([] { return orv_test::timer_thread_state<RefreshTimer>() == 0; },
                                    std::chrono::seconds(10)));
   EXPECT_EQ(ledger.done(), expected);
   int wrong = 0, late_cancels = 0;

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "orv/orv.h"
+#include "support/test_support.h"
 
 namespace orv_test {
 
@@ -132,10 +133,7 @@ inline bool release_within(StreamTask task,
 // The refresh timer's thread notices an emptied list only when it wakes; a
 // test lets it end before the process does (it uses a static of the library).
 inline bool refresh_timer_thread_idle() {
-  orv::Threads::RefreshTimer::TimerThreadState.Lock();
-  int state = orv::Threads::RefreshTimer::TimerThreadState._condition;
-  orv::Threads::RefreshTimer::TimerThreadState.Unlock();
-  return state == 0;
+  return timer_thread_state<orv::Threads::RefreshTimer>() == 0;
 }
 
 }  // namespace orv_test

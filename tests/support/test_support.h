@@ -60,6 +60,16 @@ bool wait_until(const std::function<bool()>& predicate,
 // GTEST_SKIP() naming the reason.
 bool under_user_emulation();
 
+// The condition word of a timer class's thread state (Timer, RefreshTimer):
+// 1 while its timer thread runs, 0 once it ended.
+template <class T>
+int timer_thread_state() {
+  T::TimerThreadState.Lock();
+  int state = T::TimerThreadState._condition;
+  T::TimerThreadState.Unlock();
+  return state;
+}
+
 }  // namespace orv_test
 
 #endif  // ORV_TESTS_SUPPORT_TEST_SUPPORT_H
