@@ -73,12 +73,6 @@ bool settled(const Token& t) {
 class AccessTokenTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(server.start()) << server.error(); }
-  // Fetches ran libcurl (and OpenSSL) on pool threads: end those threads so
-  // that OpenSSL's per-thread state goes with them, as it does for any
-  // thread that exits, instead of outliving the leak check.
-  void TearDown() override {
-    orv::Memory::Singleton<orv::Threads::GlobalThreadPool>::instance()->reset();
-  }
   // A held fetch has reached the server.
   void await_held(int n = 1) {
     ASSERT_TRUE(wait_until([&] { return server.token_held() == n; })) << server.stats();

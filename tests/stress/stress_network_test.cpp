@@ -240,7 +240,6 @@ TEST(StressNetwork, TokenWaitersCancelWhileKeysChange) {
   EXPECT_EQ(std::string(last.getPTR()).rfind(want, 0), 0u) << last.getPTR();
   // Every fetch succeeds, so waiters never start one of their own.
   EXPECT_EQ(server.token_fetches(), fetches_due);
-  orv::Memory::Singleton<orv::Threads::GlobalThreadPool>::instance()->reset();
   orv_stress::report("token_calls", static_cast<long long>(kWaiters) * kCalls);
   orv_stress::report("token_calls_cancelled", cancelled.load());
   orv_stress::report("token_key_changes", kChanges);
