@@ -1,6 +1,5 @@
 #include "core/utility/Networking/orv_HttpRequestMaker.h"
 
-#include <malloc.h>
 #include <string.h>
 
 // The classic progress callback is the one this library uses on purpose.
@@ -8,6 +7,7 @@
 #include <curl/curl.h>
 
 #include "core/utility/Networking/impl_curl/asr_http_task_CURL.h"
+#include "core/utility/Networking/impl_curl/heap_trim_internal.h"
 #include "core/utility/orv_log.h"
 #include "core/utility/orv_utility.h"
 
@@ -76,7 +76,7 @@ CURLcode perform_and_clean(Transfer& t, long* status) {
   curl_slist_free_all(t.resolve);
   t.headers = nullptr;
   t.resolve = nullptr;
-  malloc_trim(0);
+  detail::trim_heap();
   return code;
 }
 

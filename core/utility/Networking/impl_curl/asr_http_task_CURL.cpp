@@ -1,6 +1,5 @@
 #include "core/utility/Networking/impl_curl/asr_http_task_CURL.h"
 
-#include <malloc.h>
 #include <string.h>
 
 #include <string>
@@ -10,6 +9,7 @@
 #include <curl/curl.h>
 
 #include "core/utility/Memory/singleton.h"
+#include "core/utility/Networking/impl_curl/heap_trim_internal.h"
 #include "core/utility/Threads/AppRunloop.h"
 #include "core/utility/Threads/GlobalThreadPool.h"
 #include "core/utility/orv_log.h"
@@ -395,7 +395,7 @@ void orv_HttpTask_impl::perform_request(orv_shared_ptr_base* param) {
   params->_resolve = nullptr;
   curl_easy_cleanup(params->_curl);
   params->_curl = nullptr;
-  malloc_trim(0);
+  detail::trim_heap();
 
   if (code != CURLE_OK) {
     ORV_LOG_DEBUG("[DEBUG]-[%s][%s:415][asr_http_task_CURL::perform_request] CURLcode=%d\n",
