@@ -18,14 +18,11 @@ namespace detail {
 inline void trim_heap() {
   // glibc sets its heap up on first use. Where malloc itself is replaced
   // (sanitizers, other allocators) that first use can be malloc_trim, and two
-  // threads making it at once crash: one thread makes the first call.
-  static std::once_flag first;
-  bool trimmed = false;
-  std::call_once(first, [&trimmed] {
-    malloc_trim(0);
-    trimmed = true;
-  });
-  if (!trimmed) malloc_trim(0);
+  // threads making it at once crash: one thread makes the first call (the
+  // process's first transfer then trims twice, which costs nothing).
+  static std::once_flag heap_ready;
+  std::call_once(heap_ready, [] { malloc_trim(0); });
+  malloc_trim(0);
 }
 
 }  // namespace detail
