@@ -40,6 +40,7 @@ struct Outcome {
   orv_shared_ptr<Recorder> user{new Recorder()};
   StreamTask task;
   bool released_in_time = false;
+  bool gone_in_time = false;
 };
 
 std::string path_for(int mode, const std::string& id) {
@@ -82,6 +83,9 @@ void run_task(orv_test::HttpTestServer& server, Outcome& o, unsigned seed) {
     orv_test::wait_until([&] { return !o.user->ends().empty(); }, milliseconds(30000));
   }
   o.released_in_time = orv_test::release_within(o.task, milliseconds(30000));
+  // A post transfer may still call back after the release; none does once
+  // the task is gone.
+  o.gone_in_time = orv_test::dropped_and_gone(o.task, milliseconds(30000));
   o.user->released = true;
 }
 
@@ -104,13 +108,12 @@ TEST(StressNetwork, StreamingTasksStartedFedCancelledAndReleasedInWaves) {
     for (std::thread& t : wave) t.join();
   }
 
-  // Late callbacks would land in this window.
-  std::this_thread::sleep_for(milliseconds(300));
   long long pieces = 0, bytes = 0;
   for (const std::unique_ptr<Outcome>& o : all) {
     SCOPED_TRACE(o->id + " mode " + std::to_string(o->mode) + " ending " +
                  std::to_string(o->ending));
     EXPECT_TRUE(o->released_in_time);
+    EXPECT_TRUE(o->gone_in_time);
     EXPECT_EQ(o->user->late_calls.load(), 0);
     std::vector<Final> ends = o->user->ends();
     EXPECT_LE(ends.size(), 1u);

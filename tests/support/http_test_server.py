@@ -25,6 +25,7 @@ Endpoints (every request except /_stats is counted by path):
                         [name, value] in received order), header_lines ("Name: value"),
                         body (text), body_length, host, sni, tls
   /status/<code>        that status; body = ?body= (default empty)
+  /redirect             reads the body, then answers ?status= (302) with Location ?to=
   /body                 200 with body ?text= exactly (may be empty); or, with ?n=N,
                         N bytes of "abcdefghijklmnopqrstuvwxyz" repeated, written in
                         pieces of ?chunk= bytes (default 16384) with a flush after each
@@ -206,6 +207,12 @@ def route_status(handler, query):
     read_body(handler)
     code = int(urlsplit(handler.path).path.rsplit("/", 1)[1])
     send_bytes(handler, code, param(query, "body").encode("latin-1"))
+
+
+def route_redirect(handler, query):
+    read_body(handler)
+    send_bytes(handler, int(param(query, "status", "302")), b"",
+               extra=["Location: " + param(query, "to", "/echo")])
 
 
 def route_body(handler, query):
@@ -511,6 +518,7 @@ ROUTES = {
     "/_token/last": route_token_last,
     "/echo": route_echo,
     "/body": route_body,
+    "/redirect": route_redirect,
     "/headers": route_headers,
     "/slow": route_slow,
     "/upload": route_upload,

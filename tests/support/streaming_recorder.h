@@ -54,8 +54,9 @@ struct Recorder {
   int pieces = 0;
   std::vector<Final> finals;
   std::atomic<bool> released{false};
+  std::atomic<bool> release_returned{false};
   std::atomic<int> late_calls{0};
-  StreamTask self_seen;
+  const void* self_seen = nullptr;  // not held: the task must be free to go
 
   std::string received() {
     std::lock_guard<std::mutex> lock(mutex);
@@ -82,7 +83,7 @@ inline void record(StreamTask& task,
   Recorder* r = static_cast<orv::Memory::orv_shared_ptr<Recorder>*>(user)->getPTR();
   if (r->released.load()) r->late_calls++;
   std::lock_guard<std::mutex> lock(r->mutex);
-  if (!r->self_seen) r->self_seen = task;
+  if (r->self_seen == nullptr) r->self_seen = task.getPTR();
   if (response->_length > 1) {
     r->data.append(response->_data.getPTR(), response->_length - 1);
     r->pieces++;
@@ -128,6 +129,15 @@ inline bool release_within(StreamTask task,
         return true;
       },
       bound);
+}
+
+// Drops the caller's pointer and waits until the task is gone: its transfer
+// and every callback have ended, since each holds the task.
+inline bool dropped_and_gone(StreamTask& task,
+                             std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
+  orv::Memory::orv_weak_ptr<orv::Networking::orv_http_request_maker> weak(task);
+  task.releaseManagedPointer();
+  return wait_until([&weak] { return !StreamTask(weak); }, bound);
 }
 
 // The refresh timer's thread notices an emptied list only when it wakes; a

@@ -39,23 +39,21 @@ const int kModePost = 1;
 const int kModeUpload = 2;
 const int kModeDownload = 3;
 
-// The task whose transfer runs on this thread, and the task whose user
-// callback this thread is inside: release_instance must not wait for either.
+// The task whose transfer runs on this thread: from inside one of its
+// callbacks, release_instance must not wait for that transfer (it would wait
+// for itself).
 thread_local const orv_HttpTask_impl* tl_transfer_of = nullptr;
-thread_local const orv_HttpTask_impl* tl_callback_of = nullptr;
 
-class ScopedMark {
+class TransferMark {
  public:
-  ScopedMark(const orv_HttpTask_impl*& slot, const orv_HttpTask_impl* task)
-      : slot_(slot), previous_(slot) {
-    slot_ = task;
+  explicit TransferMark(const orv_HttpTask_impl* task) : previous_(tl_transfer_of) {
+    tl_transfer_of = task;
   }
-  ~ScopedMark() { slot_ = previous_; }
-  ScopedMark(const ScopedMark&) = delete;
-  ScopedMark& operator=(const ScopedMark&) = delete;
+  ~TransferMark() { tl_transfer_of = previous_; }
+  TransferMark(const TransferMark&) = delete;
+  TransferMark& operator=(const TransferMark&) = delete;
 
  private:
-  const orv_HttpTask_impl*& slot_;
   const orv_HttpTask_impl* previous_;
 };
 
@@ -106,9 +104,7 @@ orv_HttpTask_impl::orv_HttpTask_impl()
       _send_condition(new AppConditionMutex(0)),
       _mode(0),
       _task_lock(new AppMutex(false)),
-      m_managerMain(DispatchQueue::alloc(1)),
-      _callback_gate(new AppConditionMutex(0)),
-      _released(false) {}
+      m_managerMain(DispatchQueue::alloc(1)) {}
 
 orv_HttpTask_impl::~orv_HttpTask_impl() {
   if (_inactivity_timer) _inactivity_timer->cancel();
@@ -117,7 +113,6 @@ orv_HttpTask_impl::~orv_HttpTask_impl() {
   _send_queue.releaseManagedPointer();
   delete _send_condition;
   delete _task_lock;
-  delete _callback_gate;
 }
 
 bool orv_HttpTask_impl::contain_https(const char* url) {
@@ -321,39 +316,22 @@ void orv_HttpTask_impl::release_instance() {
   if (m_managerMain) {
     ORV_LOG_DEBUG(
         "[DEBUG]-[%s][%s:749][orv_HttpTask_impl::release_instance] cancel m_managerMain\n");
-    // From the transfer's own thread (inside a callback) waiting would never
-    // end: the transfer ends by itself once it sees the stop.
+    // From inside a callback of the transfer on this queue, waiting would
+    // never end; the transfer ends by itself once it sees the stop.
     if (tl_transfer_of == this) {
       m_managerMain->cancel();
     } else {
       m_managerMain->cancel_sync();
     }
   }
-  // No callback after this returns: close the gate and wait for callbacks in
-  // progress on other threads (a pool transfer, the inactivity timer).
-  int32_t own = tl_callback_of == this ? 1 : 0;
-  _callback_gate->Lock();
-  _released = true;
-  while (_callback_gate->_condition > own) _callback_gate->wait();
-  _callback_gate->Unlock();
 }
 
 void orv_HttpTask_impl::deliver(orv_shared_ptr<orv_HttpResponse>& response) {
   if (_callback == nullptr) return;
-  _callback_gate->Lock();
-  if (_released) {
-    _callback_gate->Unlock();
-    return;
-  }
-  _callback_gate->_condition++;
-  _callback_gate->Unlock();
-  {
-    orv_shared_ptr<orv_http_request_maker> self(_self);
-    ScopedMark mark(tl_callback_of, this);
-    _callback(self, response, _user_data);
-  }
-  _callback_gate->Lock();
-  _callback_gate->unlockWithCondition(_callback_gate->_condition - 1);
+  // The callback holds the task: it never sees it destroyed, whoever drops
+  // the last other pointer meanwhile.
+  orv_shared_ptr<orv_http_request_maker> self(_self);
+  _callback(self, response, _user_data);
 }
 
 void orv_HttpTask_impl::drop_inactivity_timer() {
@@ -369,7 +347,7 @@ void orv_HttpTask_impl::perform_request(orv_shared_ptr_base* param) {
   wrap_params* params =
       param != nullptr ? static_cast<orv_shared_ptr<wrap_params>*>(param)->getPTR() : nullptr;
   if (params == nullptr || params->_curl == nullptr) return;
-  ScopedMark mark(tl_transfer_of, this);
+  TransferMark mark(this);
 
   if (_mode == kModeDownload) {
     int timeout = inactivity_timeout_ms(params->_download_timeout_class);

@@ -21,14 +21,37 @@
 ///
 /// Threading: start_request, send_data, cancel and release_instance run on the
 /// caller's threads; libcurl and its callbacks on the transfer thread; the
-/// inactivity report on the refresh timer's pool thread. The send condition
-/// guards the send queue, the queued byte count and the last-piece flag, and
-/// the transfer thread waits on it inside the read callback until data, the
-/// last piece or a cancel arrives. The task lock guards the inactivity timer.
-/// The user callback is called with no lock of the task held, so it may call
-/// cancel. Once release_instance has returned no callback is made any more;
-/// called from inside a callback it does not wait for that callback's own
-/// transfer.
+/// inactivity report on a pool thread. The send condition guards the send
+/// queue, the queued byte count and the last-piece flag, and the transfer
+/// thread waits on it inside the read callback until data, the last piece or
+/// a cancel arrives. The task lock guards the inactivity timer. The user
+/// callback is called with no lock of the task held, so it may call cancel or
+/// release_instance, and it holds a strong pointer to the task, so the task
+/// outlives every callback.
+///
+/// What release_instance promises (it cancels, then, in upload and download
+/// mode, waits for the transfer on m_managerMain to end; it never waits for a
+/// callback as such):
+///   - once cancel has set the stop, no answer piece, transport error or
+///     inactivity report starts; one already being delivered may finish;
+///   - upload, download: from another thread, the transfer has ended when it
+///     returns; an inactivity report already running on its pool thread may
+///     still be running. From inside a callback it does not wait (the
+///     transfer ends by itself at its next progress call);
+///   - post: it does not wait. The transfer runs on a pool thread and ends at
+///     its next progress call; a callback running then may still be running
+///     after release_instance returns, and an end report for a final status
+///     outside 201..299 may still arrive after it, on that pool thread.
+/// So user data must outlive the task's last callback, which in post mode can
+/// come after release_instance: hand over data with the process's lifetime,
+/// or none, and find your state from the task pointer.
+///
+/// Redirects (upload and post follow them): once the streamed body has ended,
+/// a 301, 302 or 303 is followed with a GET that still carries the
+/// "Transfer-Encoding: chunked" line but no body, so a server waits for a
+/// body that never comes and nothing is reported until cancel or
+/// release_instance ends it; a 307 or 308 would need the body again, which
+/// cannot be rewound, and ends with error 4.
 #ifndef ORV_CORE_UTILITY_NETWORKING_IMPL_CURL_ASR_HTTP_TASK_CURL_H
 #define ORV_CORE_UTILITY_NETWORKING_IMPL_CURL_ASR_HTTP_TASK_CURL_H
 
@@ -117,11 +140,6 @@ class ORV_API orv_HttpTask_impl : public orv_http_request_maker {
   Threads::Synchronization::AppMutex* _task_lock;
   Memory::orv_shared_ptr<Threads::DispatchQueue> m_managerMain;
 
-  /// Callbacks in progress (the condition word) and whether release_instance
-  /// has closed the task to further callbacks.
-  Threads::Synchronization::AppConditionMutex* _callback_gate;
-  bool _released;  ///< under _callback_gate
-
  private:
   void upload_chunk_start(Memory::orv_shared_ptr<orv_HttpRequest>& request);
   void download_chunk_start(Memory::orv_shared_ptr<orv_HttpRequest>& request);
@@ -132,7 +150,7 @@ class ORV_API orv_HttpTask_impl : public orv_http_request_maker {
                bool log_download);
   /// The progress options and the task start, shared by all modes.
   void launch(Memory::orv_shared_ptr<wrap_params>& params, bool on_pool);
-  /// Calls the user callback unless release_instance has closed the gate.
+  /// Calls the user callback, if any, holding a strong pointer to the task.
   void deliver(Memory::orv_shared_ptr<orv_HttpResponse>& response);
   void drop_inactivity_timer();
 };
