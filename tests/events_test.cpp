@@ -15,15 +15,9 @@
 
 namespace {
 
-using orv::Context;
-using orv::EventManager;
-using orv::Message;
-using orv::SpeechSDKModuleLoader;
-using orv::Memory::orv_shared_ptr;
-using orv::Memory::orv_weak_ptr;
-using orv_test::has;
-using orv_test::strong_count;
-using orv_test::wait_until;
+using namespace orv;
+using namespace orv::Memory;
+using namespace orv_test;
 
 // What the managers see, in delivery order; "block" holds its delivery at
 // the gate.

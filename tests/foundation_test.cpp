@@ -31,19 +31,9 @@
 
 namespace {
 
-using orv::paramBase;
-using orv::PlatformPaths;
-using orv::UUIDFactory;
-using orv::Memory::orv_shared_ptr;
-using orv::Memory::orv_shared_ptr_base;
-using orv::Memory::orv_weak_ptr;
-using orv::Memory::Singleton;
-using orv_test::has;
-using orv_test::read_file;
-using orv_test::StderrCapture;
-using orv_test::strong_count;
-using orv_test::TempDir;
-using orv_test::write_file;
+using namespace orv;
+using namespace orv::Memory;
+using namespace orv_test;
 
 struct Tracked {
   explicit Tracked(std::atomic<int>* deaths) : deaths(deaths) {}
