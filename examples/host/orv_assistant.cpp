@@ -60,6 +60,8 @@ const char* const kUsage =
     "\n"
     "  --say TEXT             the command after the wake phrase (default: turn on\n"
     "                         the kitchen light)\n"
+    "  --utterance TEXT       say exactly TEXT instead (no wake phrase added, the\n"
+    "                         final text is not checked)\n"
     "  --voice NAME           eSpeak NG voice of the utterance (default en-us)\n"
     "  --input FILE.wav       read the utterance instead (16 kHz 16-bit mono PCM)\n"
     "  --wake-phrase TEXT     the wake phrase (default: listen robot)\n"
@@ -87,6 +89,7 @@ const char* const kUsage =
 
 struct Options {
   std::string say = "turn on the kitchen light";
+  std::string utterance;
   std::string voice = "en-us";
   std::string input;
   std::string wakePhrase = orv_wakeup::kWakeupDefaultPhrase;
@@ -448,6 +451,8 @@ bool parse(int argc, char** argv, Options& options, int& exitCode) {
       options.fast = true;
     } else if (arg == "--say" && value(v)) {
       options.say = v;
+    } else if (arg == "--utterance" && value(v)) {
+      options.utterance = v;
     } else if (arg == "--voice" && value(v)) {
       options.voice = v;
     } else if (arg == "--input" && value(v)) {
@@ -587,7 +592,8 @@ int run(const Options& options, Timeline& timeline) {
     if (!read_wav(options.input, audio, error)) return fail("%s", error.c_str());
     timeline.step("utterance: %s, %.2f s", options.input.c_str(), seconds(audio.size() * 2));
   } else {
-    std::string said = options.wakePhrase + ", " + options.say;
+    std::string said =
+        options.utterance.empty() ? options.wakePhrase + ", " + options.say : options.utterance;
     orv_shared_ptr<Message> speak = command(orv_tts::kTtsSpeak);
     speak->m_params->emplace(orv_tts::kTtsParamText, said);
     speak->m_params->emplace(orv_tts::kTtsParamVoice, options.voice);
@@ -662,17 +668,20 @@ int run(const Options& options, Timeline& timeline) {
     m.post(m.asrRef, audio_frame(orv_asr::kAsrAudio, &audio[at], count));
     fed = (at + count) * 2;
     if (fed >= speechEnd && (fed - count * 2) < speechEnd) speechEndFed = Clock::now();
-    if (!options.fast) {
-      next += std::chrono::milliseconds(100);
-      std::this_thread::sleep_until(next);
-    }
+    // Until the next frame is due, react at once to what the modules report.
+    next += std::chrono::milliseconds(100);
     std::unique_lock<std::mutex> lock(events.mutex);
-    if (events.detected && !sessionAskedFor) ask_for_session(events.wakePosition);
-    if (!events.wakeError.empty() || over()) break;
-    if (options.cancelAfterMs >= 0 && events.asrStarted && !cancelSent &&
-        Clock::now() - sessionAsked >= std::chrono::milliseconds(options.cancelAfterMs)) {
-      maybe_cancel();
+    bool stop = false;
+    for (;;) {
+      if (events.detected && !sessionAskedFor) ask_for_session(events.wakePosition);
+      Clock::time_point due = sessionAsked + std::chrono::milliseconds(options.cancelAfterMs);
+      if (events.asrStarted && options.cancelAfterMs >= 0 && Clock::now() >= due) maybe_cancel();
+      stop = !events.wakeError.empty() || over();
+      if (stop || options.fast || Clock::now() >= next) break;
+      bool cancelDue = events.asrStarted && options.cancelAfterMs >= 0 && !cancelSent;
+      events.changed.wait_until(lock, cancelDue ? std::min(next, due) : next);
     }
+    if (stop) break;
   }
   m.post(m.asrRef, command(orv_asr::kAsrAudioEnd));
   if (!wakeupStopped) {
@@ -722,7 +731,7 @@ int run(const Options& options, Timeline& timeline) {
   const int wakeCpuUs = events.wakeCpuUs;
   events.ttsStarted = events.ttsFinished = events.firstAudioSeen = false;
   lock.unlock();
-  if (options.input.empty() && finalText != options.say)
+  if (options.input.empty() && options.utterance.empty() && finalText != options.say)
     return fail("heard \"%s\", but \"%s\" was said", finalText.c_str(), options.say.c_str());
 
   // 9. The reply, spoken into a WAV file.

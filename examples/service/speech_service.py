@@ -73,7 +73,7 @@ public <command> = turn (on | off) the <room> light | what time is it | play mus
 
 # The voice activity detector's hangover: speech counts as ended after this
 # many 10 ms frames of silence.
-VAD_POSTSPEECH_FRAMES = 20
+VAD_POSTSPEECH_FRAMES = 10
 
 
 class State:
