@@ -24,6 +24,7 @@ packages=(
   libc6-dev libstdc++-12-dev libgcc-12-dev
   libcurl4-openssl-dev libssl-dev uuid-dev libcjson-dev
   libgtest-dev libgmock-dev
+  libpocketsphinx-dev libespeak-ng-dev pocketsphinx-en-us
 )
 stamp_text="orv armhf sysroot 1: ${packages[*]}"
 
