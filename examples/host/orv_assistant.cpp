@@ -302,7 +302,7 @@ struct Events {
   bool asrStarted = false, final = false, cancelled = false;
   int asrStart = 0, openTransfers = -1, partials = 0;
   std::string finalText, asrError;
-  Clock::time_point finalAt;
+  Clock::time_point asrStartedAt, finalAt;
   // Tts
   bool ttsStarted = false, ttsFinished = false;
   int ttsRate = 0, ttsSamples = 0, ttsCpuUs = 0;
@@ -370,6 +370,7 @@ class HostListener : public EventManager {
     int status = number(params, orv::CALLBACK_ASR_STATUS);
     if (status == orv_asr::kAsrStatusStarted) {
       m_events.asrStarted = true;
+      m_events.asrStartedAt = Clock::now();
       m_events.asrStart = number(params, orv_asr::kAsrParamStartPosition);
       g_timeline->step("asr: session open, audio from %.2f s", seconds(m_events.asrStart));
     } else if (status == orv_asr::kAsrStatusPartial) {
@@ -674,7 +675,7 @@ int run(const Options& options, Timeline& timeline) {
     bool stop = false;
     for (;;) {
       if (events.detected && !sessionAskedFor) ask_for_session(events.wakePosition);
-      Clock::time_point due = sessionAsked + std::chrono::milliseconds(options.cancelAfterMs);
+      Clock::time_point due = events.asrStartedAt + std::chrono::milliseconds(options.cancelAfterMs);
       if (events.asrStarted && options.cancelAfterMs >= 0 && Clock::now() >= due) maybe_cancel();
       stop = !events.wakeError.empty() || over();
       if (stop || options.fast || Clock::now() >= next) break;
@@ -707,7 +708,7 @@ int run(const Options& options, Timeline& timeline) {
   if (options.cancelAfterMs >= 0) {
     auto deadline = Clock::now() + std::chrono::milliseconds(options.waitMs);
     while (!cancelSent && !over() && Clock::now() < deadline) {
-      auto due = sessionAsked + std::chrono::milliseconds(options.cancelAfterMs);
+      auto due = events.asrStartedAt + std::chrono::milliseconds(options.cancelAfterMs);
       if (events.asrStarted && Clock::now() >= due) {
         maybe_cancel();
         break;
