@@ -1,6 +1,9 @@
 #!/usr/bin/python3
-"""The embedded speech service whose recognition endpoint takes the audio and
-never answers, until the client goes away."""
+"""The embedded speech service with one fault, named by ORV_SERVICE_FAULT:
+  silent          the recognition endpoint takes the audio and never answers,
+                  until the client goes away;
+  forget_tokens   the tokens it issues are refused by the recognition endpoint.
+"""
 import os
 import sys
 
@@ -19,4 +22,8 @@ def route_silent(handler, query):
     handler.close_connection = True
 
 
-speech_service.main({"/v1/recognize": route_silent})
+if os.environ.get("ORV_SERVICE_FAULT") == "forget_tokens":
+    speech_service.STATE.token_valid = lambda token: False
+    speech_service.main()
+else:
+    speech_service.main({"/v1/recognize": route_silent})
