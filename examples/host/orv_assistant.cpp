@@ -692,8 +692,8 @@ int run(const Options& options, Timeline& timeline) {
   timeline.step("audio: %.2f s fed", seconds(fed));
 
   // 7. The wake-up (Wakeup may still be working through the frames; its
-  // stop report comes after the last of them, with the spotter's CPU time).
-  if (!wait_for([&] { return events.wakeStopped || !events.wakeError.empty(); }))
+  // stop report comes after the last of them).
+  if (!wait_for([&] { return events.detected || events.wakeStopped || !events.wakeError.empty(); }))
     return fail("the Wakeup module did not finish within %d ms", options.waitMs);
   {
     std::lock_guard<std::mutex> lock(events.mutex);
@@ -721,6 +721,10 @@ int run(const Options& options, Timeline& timeline) {
     return fail("the Asr module did not end the session within %d ms", options.waitMs);
   const long long runtimeCpuUs = process_cpu_us() - cpuAtStart;
   const int threads = thread_count();
+  // The spotter's CPU time comes with its stop report.
+  if (!events.changed.wait_for(lock, std::chrono::milliseconds(options.waitMs),
+                               [&] { return events.wakeStopped || !events.wakeError.empty(); }))
+    return fail("the Wakeup module did not stop within %d ms", options.waitMs);
   if (!events.asrError.empty()) return fail("%s", events.asrError.c_str());
   if (events.cancelled) {
     timeline.step("asr: cancelled, %d transfers still open", events.openTransfers);
