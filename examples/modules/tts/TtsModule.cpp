@@ -1,6 +1,7 @@
 // The Tts module: see TtsModule.h for its message protocol.
 #include "TtsModule.h"
 
+#include <espeak-ng/espeak_ng.h>
 #include <espeak-ng/speak_lib.h>
 #include <math.h>
 #include <stdint.h>
@@ -136,10 +137,8 @@ class TtsManager : public EventManager {
     std::string voice = text_param(message, orv_tts::kTtsParamVoice, "en-us");
     std::string wavPath = text_param(message, orv_tts::kTtsParamWavPath, "");
     if (!m_initialised) {
-      m_rate = espeak_Initialize(AUDIO_OUTPUT_SYNCHRONOUS, kSynthBufferMs, nullptr, 0);
-      if (m_rate <= 0) return reportError("eSpeak NG could not start (no voice data?)");
-      espeak_SetSynthCallback(&TtsManager::onSamples);
-      m_initialised = true;
+      std::string problem = initialise();
+      if (!problem.empty()) return reportError("eSpeak NG could not start: " + problem);
     }
     m_outRate = orv_sample::int_param(message, orv::PARAM_KEY_SAMPLE_RATE_INT, m_rate);
     if (m_outRate < 8000 || m_outRate > 48000)
@@ -177,6 +176,26 @@ class TtsManager : public EventManager {
       finished->m_params->emplace(orv_tts::kTtsParamWavPath, wavPath);
     }
     post(m_listener, finished, 0);
+  }
+
+  // The status-returning start (the older one ends the process when the
+  // voice data is missing). "" when ready.
+  std::string initialise() {
+    espeak_ng_InitializePath(nullptr);
+    espeak_ng_ERROR_CONTEXT context = nullptr;
+    espeak_ng_STATUS status = espeak_ng_Initialize(&context);
+    espeak_ng_ClearErrorContext(&context);
+    if (status == ENS_OK)
+      status = espeak_ng_InitializeOutput(ENOUTPUT_MODE_SYNCHRONOUS, kSynthBufferMs, nullptr);
+    if (status != ENS_OK) {
+      char text[512] = "";
+      espeak_ng_GetStatusCodeMessage(status, text, sizeof(text));
+      return text;
+    }
+    m_rate = espeak_ng_GetSampleRate();
+    espeak_SetSynthCallback(&TtsManager::onSamples);
+    m_initialised = true;
+    return std::string();
   }
 
   void sendAudio(const int16_t* samples, int count) {
