@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# Builds orv with the default preset and runs orv-demo: the Echo sample
-# module loaded from its shared library, 3 s of tone streamed through it to
-# the loopback stand-in of the speech service, an access token and the device
-# identity, with a timeline of every step.
-#   scripts/demo.sh [orv-demo options]     (scripts/demo.sh --help lists them)
+# Builds orv with the default preset and runs orv-assistant: the Wakeup, Asr
+# and Tts speech modules loaded from their shared libraries, a synthesised
+# "listen robot, turn on the kitchen light" fed in real time, recognition
+# against the embedded speech service from the wake-up point on, and the
+# reply spoken into reply.wav, with a timeline of every step and the figures.
+#   scripts/demo.sh [orv-assistant options]   (scripts/demo.sh --help lists them)
+# The smallest example, orv-demo (the Echo module), is built alongside:
+# build/default/bin/orv-demo.
 # Installs missing Debian packages first. Run as root (or with sudo).
 set -euo pipefail
 
@@ -12,5 +15,5 @@ cd "$root"
 
 scripts/install-deps.sh
 cmake --preset default >/dev/null
-cmake --build --preset default -j "$(nproc)" --target orv-demo
-exec build/default/bin/orv-demo "$@"
+cmake --build --preset default -j "$(nproc)" --target orv-assistant orv-demo
+exec build/default/bin/orv-assistant "$@"

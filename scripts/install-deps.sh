@@ -16,6 +16,7 @@ packages=(
   build-essential cmake pkg-config clang libclang-rt-14-dev python3 openssl
   libcurl4-openssl-dev libssl-dev uuid-dev libcjson-dev
   libgtest-dev libgmock-dev libbenchmark-dev doxygen valgrind
+  libpocketsphinx-dev pocketsphinx-en-us python3-pocketsphinx libespeak-ng-dev espeak-ng sox
 )
 if [ "${1:-}" = armhf ]; then
   packages+=(crossbuild-essential-armhf qemu-user-static)

@@ -24,8 +24,9 @@ packages=(
   libc6-dev libstdc++-12-dev libgcc-12-dev
   libcurl4-openssl-dev libssl-dev uuid-dev libcjson-dev
   libgtest-dev libgmock-dev
+  libpocketsphinx-dev libespeak-ng-dev pocketsphinx-en-us
 )
-stamp_text="orv armhf sysroot 1: ${packages[*]}"
+stamp_text="orv armhf sysroot 2: ${packages[*]}"
 
 "$root/scripts/install-deps.sh" armhf
 
@@ -99,6 +100,14 @@ rm -f "$archives"/*.deb
 find "$new" -type l -lname '/*' -print0 | while IFS= read -r -d '' link; do
   target=$(readlink "$link")
   ln -sfn "$(realpath -m -s --relative-to="$(dirname "$link")" "$new$target")" "$link"
+done
+
+# What the maintainer scripts would have chosen through the alternatives
+# system: the reference BLAS and LAPACK (PocketSphinx's sphinxbase needs them).
+for lib in blas/libblas.so.3 lapack/liblapack.so.3; do
+  if [ -e "$new/usr/lib/arm-linux-gnueabihf/$lib" ]; then
+    ln -sfn "$lib" "$new/usr/lib/arm-linux-gnueabihf/$(basename "$lib")"
+  fi
 done
 
 echo "$stamp_text" > "$new/.orv-sysroot"

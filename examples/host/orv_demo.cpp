@@ -6,19 +6,14 @@
 // end. Exit status 0 when every step passed; otherwise 1 with the reason.
 #include <curl/curl.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <math.h>
 #include <openssl/evp.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -31,9 +26,8 @@
 
 #include <orv/orv.h>
 
+#include "examples/host/service_process.h"
 #include "examples/modules/echo/EchoModule.h"
-
-extern char** environ;
 
 namespace {
 
@@ -162,82 +156,6 @@ std::string make_tone(int seconds) {
   }
   return pcm;
 }
-
-// The loopback stand-in of the speech service (Python 3, run on the host).
-class StandIn {
- public:
-  ~StandIn() { stop(); }
-
-  bool start(const std::string& certDir, int waitMs, std::string& error) {
-    const char* env = getenv("ORV_DEMO_SERVER_SCRIPT");
-    std::string script = env && *env ? env : ORV_DEMO_SERVER_SCRIPT;
-    int in[2], out[2];
-    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
-      error = "pipe failed";
-      return false;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    std::vector<std::string> args = {"python3", script, "--cert-dir", certDir};
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-    int spawned = posix_spawnp(&m_pid, "python3", &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(in[0]);
-    close(out[1]);
-    m_stdin = in[1];
-    if (spawned != 0) {
-      m_pid = -1;
-      close(out[0]);
-      error = std::string("cannot start python3: ") + strerror(spawned);
-      return false;
-    }
-    std::string line;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs);
-    while (line.find('\n') == std::string::npos) {
-      long long left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                           deadline - std::chrono::steady_clock::now())
-                           .count();
-      if (left <= 0) break;
-      pollfd p{out[0], POLLIN, 0};
-      if (poll(&p, 1, static_cast<int>(left)) <= 0) continue;
-      char buffer[256];
-      ssize_t n = read(out[0], buffer, sizeof(buffer));
-      if (n <= 0) break;
-      line.append(buffer, static_cast<size_t>(n));
-    }
-    close(out[0]);
-    int https = 0, pinned = 0;
-    if (sscanf(line.c_str(), "READY http=%d https=%d pinned=%d", &m_port, &https, &pinned) != 3) {
-      error = "the loopback stand-in (" + script + ") did not come up";
-      stop();
-      return false;
-    }
-    return true;
-  }
-
-  void stop() {
-    if (m_stdin >= 0) close(m_stdin);
-    m_stdin = -1;
-    if (m_pid > 0) {
-      kill(m_pid, SIGTERM);
-      int status = 0;
-      waitpid(m_pid, &status, 0);
-    }
-    m_pid = -1;
-  }
-
-  int port() const { return m_port; }
-  pid_t pid() const { return m_pid; }
-
- private:
-  pid_t m_pid = -1;
-  int m_stdin = -1;
-  int m_port = -1;
-};
 
 // What the host learns from the module, filled on pool threads.
 struct Events {
@@ -403,14 +321,17 @@ int run(const Options& options, Timeline& timeline) {
   timeline.step("start: log level %d, writable paths %s", options.logLevel, dataDir.c_str());
 
   // 2. The speech server: the loopback stand-in unless one was given.
-  StandIn standIn;
+  orv_host::ServiceProcess standIn;
   std::string server = options.server;
   std::string tokenEndpoint = options.tokenEndpoint;
   if (server.empty()) {
     std::string error;
     std::string certDir = dataDir + "stand-in/";
     if (!make_dirs(certDir)) return fail("cannot create %s", certDir.c_str());
-    if (!standIn.start(certDir, options.waitMs, error)) return fail("%s", error.c_str());
+    const char* env = getenv("ORV_DEMO_SERVER_SCRIPT");
+    std::string script = env && *env ? env : ORV_DEMO_SERVER_SCRIPT;
+    if (!standIn.start("python3", script, certDir, options.waitMs, error))
+      return fail("%s", error.c_str());
     server = "http://127.0.0.1:" + std::to_string(standIn.port());
     if (tokenEndpoint.empty()) tokenEndpoint = server + "/oauth/2.0/token";
     timeline.step("server: loopback stand-in listening at %s (pid %d)", server.c_str(),
