@@ -23,7 +23,6 @@
 #include <thread>
 #include <vector>
 
-#include "core/utility/Memory/orv_shared_ptr_backlog_internal.h"
 #include "gtest/gtest.h"
 #include "orv/orv.h"
 #include "support/test_support.h"
@@ -135,51 +134,6 @@ TEST(SharedPtr, DeletersConversionsAndSelfReleases) {
   EXPECT_EQ(cycles, 1);
 }
 
-TEST(SharedPtr, BacklogTakeFrontMovesSharesInOrder) {
-  std::atomic<int> deaths{0};
-  std::vector<orv_shared_ptr<Tracked>> keep, backlog;
-  for (int i = 0; i < 4; ++i) {
-    keep.push_back(orv_shared_ptr<Tracked>(new Tracked(&deaths)));
-    keep.back()->value = i;
-    backlog.push_back(keep.back());
-  }
-  orv_shared_ptr<Tracked> out(new Tracked(&deaths));
-  for (int i = 0; i < 4; ++i) {
-    orv::Memory::take_front(backlog, out);
-    ASSERT_EQ(out->value, i);
-    EXPECT_EQ(backlog.size(), static_cast<size_t>(3 - i));
-    for (auto& p : backlog) EXPECT_EQ(total(p), 2u);
-  }
-  EXPECT_EQ(deaths, 1);  // out's first object only
-  EXPECT_EQ(strong_count(keep[3]), 2);
-}
-
-// Copies, promotions and releases from many threads; each round's object is
-// destroyed exactly once, never while a promoted pointer uses it.
-TEST(SharedPtr, ThreadsCopyPromoteAndRaceTheLastRelease) {
-  for (int round = 0; round < 1000; ++round) {
-    std::atomic<int> deaths{0};
-    orv_shared_ptr<Tracked> last(new Tracked(&deaths));
-    orv_weak_ptr<Tracked> weak(last);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 2; ++t) {
-      orv_shared_ptr<Tracked> mine(last);
-      threads.emplace_back([mine, weak, &deaths]() mutable {
-        for (int i = 0; i < 5; ++i) {
-          orv_shared_ptr<Tracked> copy(mine), promoted(weak);
-          EXPECT_TRUE(!promoted || promoted->value == 7);
-        }
-        mine.releaseManagedPointer();
-        orv_shared_ptr<Tracked> promoted(weak);
-        EXPECT_TRUE(!promoted || deaths.load() == 0);
-      });
-    }
-    last.releaseManagedPointer();
-    for (auto& t : threads) t.join();
-    ASSERT_EQ(deaths, 1);
-  }
-}
-
 std::atomic<int> service_made{0};
 class Service : public Singleton<Service> {
  public:
@@ -226,83 +180,70 @@ const uint32_t kUnit = 524288;  // a size limit of 1
 class Log : public ::testing::Test {
  protected:
   void TearDown() override {
-    orv::LogFile::close_log_file();
-    orv::TimeRecord::close_time_record();
-    orv::set_log_level(0);
+    LogFile::close_log_file();
+    TimeRecord::close_time_record();
+    set_log_level(0);
   }
 };
 
 TEST_F(Log, LevelsFormatAndLength) {
-  StderrCapture quiet;
-  ORV_LOG_FATAL("[FATAL]-[%s][%s:1]not at level 0\n");
-  EXPECT_EQ(quiet.text(), "");
-  orv::set_log_level(orv::LOG_WARN);
   StderrCapture capture;
+  ORV_LOG_FATAL("[FATAL]-[%s][%s:1]not at level 0\n");
+  set_log_level(LOG_WARN);
   ORV_LOG_WARN("[WARN]-[%s][%s:86]Default thread stack is too small, trying to increase size\n");
   ORV_LOG_FATAL("[FATAL]-[%s][%s:16]%s, Error: mutexattr_init failed\n\n", "AppMutex");
   ORV_LOG_DEBUG("[DEBUG]-[%s][%s:4]dropped\n");
+  set_log_level(LOG_TRACE);
+  ORV_LOG_DEBUG("[DEBUG]-[%s][%s:9]%s\n", std::string(5000, 'x').c_str());
   std::string text = capture.text();
   const std::string stamp = R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\])";
-  EXPECT_TRUE(std::regex_match(
-      text, std::regex(R"(\[WARN\]-)" + stamp +
-                       R"(\[foundation_test\.cpp:86\]Default thread stack is too small, trying to )"
-                       R"(increase size\n\[FATAL\]-)" +
-                       stamp + R"(\[foundation_test\.cpp:16\]AppMutex, Error: mutexattr_init failed\n\n)")))
-      << text;
-  orv::set_log_level(-1);
-  EXPECT_FALSE(orv::can_log(0));
-  EXPECT_TRUE(orv::can_log(-1));
-  orv::set_log_level(orv::LOG_TRACE);
-  StderrCapture long_line;
-  ORV_LOG_DEBUG("[DEBUG]-[%s][%s:9]%s\n", std::string(5000, 'x').c_str());
-  text = long_line.text();
-  EXPECT_EQ(text.size(), 2047u);  // cut, line end included
-  EXPECT_EQ(text.back(), 'x');
-  EXPECT_STREQ(orv::get_file_name("a/b/c"), "c");
-  EXPECT_STREQ(orv::get_file_name("a/b/"), "");
-  EXPECT_STREQ(orv::get_file_name(nullptr), "");
-  EXPECT_EQ(orv::get_file_size(nullptr), -1);
+  EXPECT_TRUE(std::regex_match(text, std::regex(
+      R"(\[WARN\]-)" + stamp + R"(\[foundation_test\.cpp:86\]Default thread stack is too small, trying to )"
+      R"(increase size\n\[FATAL\]-)" + stamp + R"(\[foundation_test\.cpp:16\]AppMutex, Error: mutexattr_init )"
+      R"(failed\n\n\[DEBUG\]-)" + stamp + R"(\[foundation_test\.cpp:9\]x+)")));
+  EXPECT_EQ(text.size() - text.find("[DEBUG]"), 2047u) << text.substr(0, 300);  // cut, line end included
+  set_log_level(-1);
+  EXPECT_TRUE(!can_log(0) && can_log(-1));
+  EXPECT_STREQ(get_file_name("a/b/c"), "c");
+  EXPECT_STREQ(get_file_name("a/b/"), "");
+  EXPECT_STREQ(get_file_name(nullptr), "");
+  EXPECT_EQ(get_file_size(nullptr), -1);
 }
 
-TEST_F(Log, FileAppendsRotatesAtTheThresholdAndFallsBack) {
+// The log file appends, rotates to ".bak" at the exact threshold with the
+// triggering line first in the new file, makes a removed file anew, never
+// rotates with limit 0; a second open changes nothing; a file that cannot
+// be made leaves standard error.
+TEST_F(Log, FileAppendsAndRotatesAtTheThreshold) {
   TempDir dir;
   std::string path = dir.file("orv.log");
   write_file(path, std::string(kUnit - 1, 'a'));
   write_file(path + ".bak", "older generation");
-  orv::set_log_level(orv::LOG_TRACE);
-  orv::LogFile::open_log_file(path.c_str(), 1);
-  orv::LogFile::open_log_file(dir.file("other.log").c_str(), 3);  // a second open changes nothing
-  EXPECT_EQ(orv::LogFile::_s_log_file_name, path);
-  EXPECT_EQ(orv::LogFile::_s_log_file_size, kUnit);
-  {
-    StderrCapture capture;
-    orv::LogFile::log("b\n");  // still below the threshold: appended
-    ORV_LOG_DEBUG("[DEBUG]-[%s][%s:7]trigger\n");
-    orv::LogFile::log("after\n");
-    EXPECT_EQ(capture.text(), "");
-  }
+  set_log_level(LOG_TRACE);
+  LogFile::open_log_file(path.c_str(), 1);
+  LogFile::open_log_file(dir.file("other.log").c_str(), 3);
+  EXPECT_EQ(LogFile::_s_log_file_name + " " + std::to_string(LogFile::_s_log_file_size), path + " 524288");
+  StderrCapture capture;
+  LogFile::log("b\n");
+  ORV_LOG_DEBUG("[DEBUG]-[%s][%s:7]trigger\n");
+  LogFile::log("after\n");
   std::string content = read_file(path);
-  EXPECT_TRUE(std::regex_match(content, std::regex(R"(\[DEBUG\]-\[.{23}\]\[foundation_test\.cpp:7\]trigger\nafter\n)")))
-      << content;
+  EXPECT_TRUE(std::regex_match(content, std::regex(R"(\[DEBUG\]-\[.{23}\]\[foundation_test\.cpp:7\]trigger\nafter\n)"))) << content;
   EXPECT_EQ(read_file(path + ".bak"), std::string(kUnit - 1, 'a') + "b\n");
-  EXPECT_NE(access(dir.file("other.log").c_str(), F_OK), 0);
   unlink(path.c_str());
-  orv::LogFile::log("two\n");  // a removed file counts as full: made anew
+  LogFile::log("two\n");
   EXPECT_EQ(read_file(path), "two\n");
-  orv::LogFile::close_log_file();
-  {
-    StderrCapture capture;
-    orv::LogFile::log("back\n");
-    EXPECT_EQ(capture.text(), "back\n");
-  }
-  // Limit 0 never rotates; a file that cannot be made leaves standard error.
-  orv::LogFile::open_log_file(path.c_str(), 0);
+  LogFile::close_log_file();
+  LogFile::log("back\n");
+  LogFile::open_log_file(path.c_str(), 0);
   write_file(path, std::string(kUnit + 10, 'c'));
-  orv::LogFile::log("x\n");
-  EXPECT_EQ(orv::get_file_size(path.c_str()), static_cast<int>(kUnit) + 12);
-  orv::LogFile::close_log_file();
-  orv::LogFile::open_log_file(dir.file("no/such/orv.log").c_str(), 1);
-  EXPECT_EQ(orv::LogFile::_s_log_file.load(), nullptr);
+  LogFile::log("x\n");
+  EXPECT_EQ(get_file_size(path.c_str()), static_cast<int>(kUnit) + 12);
+  LogFile::close_log_file();
+  LogFile::open_log_file(dir.file("no/such/orv.log").c_str(), 1);
+  LogFile::log("still\n");
+  EXPECT_EQ(capture.text(), "back\nstill\n");
+  EXPECT_NE(access(dir.file("other.log").c_str(), F_OK), 0);
 }
 
 // Reopening after a rotation fails only when the file cannot be made, as on
@@ -322,13 +263,12 @@ TEST_F(Log, FailedReopenAfterRotationFallsBackToStderr) {
     }
     write_file(path, std::string(kUnit, 'a'));
     for (int i = 0; i < 100; ++i) write_file(fs + "/fill" + std::to_string(i), "");
-    orv::LogFile::open_log_file(path.c_str(), 1);
+    LogFile::open_log_file(path.c_str(), 1);
     StderrCapture capture;
-    orv::LogFile::log("lost file\n");
-    orv::LogFile::log("next\n");
-    if (capture.text() != "lost file\nnext\n" || orv::LogFile::_s_log_file.load() != nullptr) _exit(3);
-    if (read_file(path + ".bak") != std::string(kUnit, 'a')) _exit(5);
-    _exit(0);
+    LogFile::log("lost file\n");
+    LogFile::log("next\n");
+    bool ok = capture.text() == "lost file\nnext\n" && LogFile::_s_log_file.load() == nullptr;
+    _exit(ok && read_file(path + ".bak") == std::string(kUnit, 'a') ? 0 : 3);
   }
   int status = 0;
   waitpid(child, &status, 0);
@@ -336,173 +276,154 @@ TEST_F(Log, FailedReopenAfterRotationFallsBackToStderr) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
-TEST_F(Log, ConcurrentLinesNeverInterleaveAndTimeRecordKeepsToItsFile) {
+// Lines from many threads never interleave, across a rotation; the time
+// record writes only to its own file, once open.
+TEST_F(Log, ConcurrentLinesAndTheTimeRecord) {
   TempDir dir;
-  std::string path = dir.file("orv.log");
-  orv::LogFile::open_log_file(path.c_str(), 1);
+  std::string path = dir.file("orv.log"), record = dir.file("time.txt");
+  LogFile::open_log_file(path.c_str(), 1);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t] {
       std::string line = std::string(100, static_cast<char>('a' + t)) + "\n";
-      for (int i = 0; i < 2000; ++i) orv::LogFile::log(line.c_str());
+      for (int i = 0; i < 2000; ++i) LogFile::log(line.c_str());
     });
   }
   for (auto& thread : threads) thread.join();
-  orv::LogFile::close_log_file();
   std::string all = read_file(path + ".bak") + read_file(path);
   ASSERT_EQ(all.size(), 4u * 2000 * 101);
-  for (size_t at = 0; at < all.size(); at += 101) {
-    ASSERT_EQ(all.compare(at, 101, std::string(100, all[at]) + "\n"), 0) << at;
-  }
-
-  StderrCapture capture;
-  orv::TimeRecord::record("nowhere\n");
-  std::string record = dir.file("time.txt");
+  for (size_t at = 0; at < all.size(); at += 101) ASSERT_EQ(all.compare(at, 101, std::string(100, all[at]) + "\n"), 0) << at;
+  TimeRecord::record("nowhere\n");
   write_file(record, std::string(kUnit, 't'));
-  orv::TimeRecord::open_time_record(record.c_str(), 1);
-  orv::TimeRecord::open_time_record(dir.file("other").c_str(), 5);
-  orv::TimeRecord::record("r1\n");
-  orv::TimeRecord::record("r2\n");
-  orv::TimeRecord::close_time_record();
-  orv::TimeRecord::record("dropped\n");
-  EXPECT_EQ(capture.text(), "");
-  EXPECT_EQ(read_file(record), "r1\nr2\n");
-  EXPECT_EQ(read_file(record + ".bak"), std::string(kUnit, 't'));
+  TimeRecord::open_time_record(record.c_str(), 1);
+  TimeRecord::open_time_record(dir.file("other").c_str(), 5);
+  TimeRecord::record("r1\n");
+  TimeRecord::record("r2\n");
+  TimeRecord::close_time_record();
+  TimeRecord::record("dropped\n");
+  EXPECT_EQ(read_file(record) + read_file(record + ".bak"), "r1\nr2\n" + std::string(kUnit, 't'));
 }
 
 TEST(Clock, WallClockMicrosecondsLocalTextsAndCoarseDates) {
   struct timeval before, after;
   gettimeofday(&before, nullptr);
-  int64_t now = orv::get_current_time();
+  int64_t now = get_current_time();
   gettimeofday(&after, nullptr);
   EXPECT_GE(now, static_cast<int64_t>(before.tv_sec) * 1000000 + before.tv_usec);
   EXPECT_LE(now, static_cast<int64_t>(after.tv_sec) * 1000000 + after.tv_usec);
   std::string date, stamp;
-  time_t seconds;
   do {  // at a stable second, so that date and time agree
     gettimeofday(&before, nullptr);
-    date = orv::get_gmt_date();
-    stamp = orv::get_gmt_time();
+    date = get_gmt_date();
+    stamp = get_gmt_time();
     gettimeofday(&after, nullptr);
   } while (before.tv_sec != after.tv_sec);
-  seconds = before.tv_sec;
   struct tm t;
-  localtime_r(&seconds, &t);
+  localtime_r(&before.tv_sec, &t);
   char want[64];
-  snprintf(want, sizeof want, "%d-%d-%d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday);
-  EXPECT_EQ(date, want);
-  snprintf(want, sizeof want, "%d-%02d-%02d %02d:%02d:%02d.", t.tm_year + 1900, t.tm_mon + 1,
-           t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
-  EXPECT_TRUE(std::regex_match(stamp, std::regex(std::string(want) + R"(\d{3})"))) << stamp;
+  snprintf(want, sizeof want, "%d-%d-%d %d-%02d-%02d %02d:%02d:%02d.", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
+           t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+  EXPECT_TRUE(std::regex_match(date + " " + stamp, std::regex(std::string(want) + R"(\d{3})"))) << stamp;
   const struct { const char *a, *b; int days; } dates[] = {
       {"2024-1-31", "2024-2-1", 0}, {"2024-3-1", "2024-2-28", 3}, {"2025-1-1", "2024-1-1", 365},
       {"2024-03-07", "2024-3-7", 0}, {"2024-2-1", "2024-3-1", -30}};
-  for (const auto& d : dates) EXPECT_EQ(orv::compare_dates(d.a, d.b), d.days) << d.a;
+  for (const auto& d : dates) EXPECT_EQ(compare_dates(d.a, d.b), d.days) << d.a;
 }
 
-TEST(Utility, ErrorPairsStringsAndNumbers) {
-  EXPECT_EQ(orv::encode_error(1, -1), 0x0001FFFF);
+const unsigned char* bytes(const char* s) { return reinterpret_cast<const unsigned char*>(s); }
+
+// Exact values and bad arguments; the fuzz drivers check the parsers against
+// models on every input.
+TEST(Utility, StringsNumbersUrlsTextAndSearch) {
+  EXPECT_EQ(encode_error(1, -1), 0x0001FFFF);
   short high = 0, low = 0;
   for (int h : {-32768, -1, 0, 7, 32767}) {
     for (int l : {-32768, -1, 0, 1, 32767}) {
-      orv::decode_error(orv::encode_error(static_cast<short>(h), static_cast<short>(l)), high, low);
+      decode_error(encode_error(static_cast<short>(h), static_cast<short>(l)), high, low);
       EXPECT_EQ(high * 100000 + low, h * 100000 + l);
     }
   }
-  char* copy = orv::clone_str("hello");
+  char* copy = clone_str("hello");
   EXPECT_STREQ(copy, "hello");
   free(copy);
-  EXPECT_EQ(orv::clone_str(nullptr), nullptr);
-  EXPECT_TRUE(orv::str_ends_with("lib.so.1", 6, ".so", 3));  // the lengths decide
-  EXPECT_TRUE(orv::str_ends_with("lib.so", 6, "", 0));
-  EXPECT_FALSE(orv::str_ends_with("lib.sa", 6, ".so", 3));
-  EXPECT_FALSE(orv::str_ends_with("so", 2, ".so", 3));
-  EXPECT_FALSE(orv::str_ends_with(nullptr, 6, ".so", 3));
-  EXPECT_EQ(orv::string_to_int("  42abc"), 42);
-  EXPECT_EQ(orv::string_to_int("abc"), 0);
-  EXPECT_EQ(orv::string_to_int("99999999999"), INT_MAX);
-  EXPECT_EQ(orv::int_to_string(INT_MIN), "-2147483648");
-  EXPECT_EQ(orv::ll_to_string(LLONG_MAX), "9223372036854775807");
+  EXPECT_EQ(clone_str(nullptr), nullptr);
+  EXPECT_TRUE(str_ends_with("lib.so.1", 6, ".so", 3) && str_ends_with("lib.so", 6, "", 0));  // the lengths decide
+  EXPECT_FALSE(str_ends_with("lib.sa", 6, ".so", 3) || str_ends_with("so", 2, ".so", 3) ||
+               str_ends_with(nullptr, 6, ".so", 3) || str_ends_with("lib.so", 6, nullptr, 0));
+  EXPECT_EQ(std::to_string(string_to_int("  42abc")) + std::to_string(string_to_int("abc")) +
+                std::to_string(string_to_int("99999999999")), "4202147483647");
+  EXPECT_EQ(int_to_string(INT_MIN) + " " + ll_to_string(LLONG_MAX), "-2147483648 9223372036854775807");
   using V = std::vector<std::string>;
-  EXPECT_EQ(orv::split(",a,,b;c", ",;"), (V{"", "a", "", "b", "c"}));
-  EXPECT_EQ(orv::split("", ","), (V{""}));
-  EXPECT_EQ(orv::split("abc", ""), (V{"abc"}));
-}
+  EXPECT_EQ(split(",a,,b;c", ",;"), (V{"", "a", "", "b", "c"}));
+  EXPECT_EQ(split("", ","), (V{""}));
+  EXPECT_EQ(split("abc", ""), (V{"abc"}));
 
-TEST(Utility, UrlPiecesCodecUtf8AndSearchAnchors) {
-  EXPECT_EQ(orv::URLEncode(reinterpret_cast<const unsigned char*>("a b&c~\xff"), 7), "a%20b%26c~%FF");
-  EXPECT_EQ(orv::URLEncodedKEV("k y", "v=1/2"), "k%20y=v%3D1%2F2");
+  EXPECT_EQ(URLEncode(bytes("a b&c~\xff"), 7) + URLEncode(nullptr, 4) + URLEncode(bytes("x"), 0), "a%20b%26c~%FF");
+  EXPECT_EQ(URLEncodedKEV("k y", "v=1/2"), "k%20y=v%3D1%2F2");
   const struct { const char* in; unsigned n; const char* out; } decode[] = {
-      {"a+b%41", 6, "a bA"}, {"%6a%6A", 6, "jj"}, {"50%4", 4, ""}, {"a%zzb", 5, ""},
-      {"x%41", 3, ""},       {"ab%00cd", 7, "ab"}, {"abc", 0, ""}};
-  for (const auto& d : decode) EXPECT_EQ(orv::URLDecode(d.in, d.n), d.out) << d.in;
-  EXPECT_EQ(orv::get_host_from_url("https://host.example:8443/a/b?c"), "host.example:8443");
-  EXPECT_EQ(orv::get_host_from_url("http://host.example"), "");
+      {"a+b%41", 6, "a bA"}, {"%6a%6A", 6, "jj"}, {"50%4", 4, ""},  {"a%zzb", 5, ""},
+      {"x%41", 3, ""},       {"ab%00cd", 7, "ab"}, {"abc", 0, ""}, {nullptr, 3, ""}};
+  for (const auto& d : decode) EXPECT_EQ(URLDecode(d.in, d.n), d.out) << (d.in ? d.in : "null");
+  EXPECT_EQ(get_host_from_url("https://host.example:8443/a/b?c") + get_host_from_url("http://host.example"), "host.example:8443");
   std::string domain = "old", directory = "old";
-  orv::get_url_domain_directory("https://h.example:80/p/q?x=1", domain, directory);
+  get_url_domain_directory("https://h.example:80/p/q?x=1", domain, directory);
   EXPECT_EQ(domain + " " + directory, "h.example:80 /p/q?x=1");
-  orv::get_url_domain_directory("ftp://h.example/x", domain, directory);
+  get_url_domain_directory("ftp://h.example/x", domain, directory);
   EXPECT_EQ(domain + directory, "");
-  EXPECT_EQ(orv::get_resolve_ip_url("https://h.example:8443/a?b", "127.0.0.1"), "https://127.0.0.1/a?b");
-  EXPECT_EQ(orv::get_resolve_ip_url("//h/x", "127.0.0.1"), "");
+  EXPECT_EQ(get_resolve_ip_url("https://h.example:8443/a?b", "127.0.0.1") + get_resolve_ip_url("//h/x", "1"),
+            "https://127.0.0.1/a?b");
 
-  const unsigned char with_nul[] = {'a', 0xC3, 0xA9, 0, 'b'};
-  EXPECT_EQ(orv::UTF8StrLen(with_nul, 5), 2);
-  EXPECT_EQ(orv::ptrToUTF8SymbolOffset(1, with_nul, 5), with_nul + 1);
-  EXPECT_EQ(orv::ptrToUTF8SymbolOffset(2, with_nul, 5), with_nul + 3);
-  EXPECT_EQ(orv::ptrToUTF8SymbolOffset(-1, with_nul, 5), nullptr);
-  EXPECT_EQ(orv::UTF8StrLen(reinterpret_cast<const unsigned char*>(UINTPTR_MAX - 3), 10), 0);
-
-  unsigned char text[] = "here is a simple example";
-  EXPECT_EQ(orv::boyer_moore(text, 24, text + 17, 7), text + 17);
-  EXPECT_EQ(orv::boyer_moore(text, 24, text, 24), text);
-  EXPECT_EQ(orv::boyer_moore(text, 3, text + 17, 7), nullptr);
-  EXPECT_EQ(orv::boyer_moore(text, 24, text + 17, 0), nullptr);
-  int delta1[256];
-  orv::make_delta1(delta1, text + 17, 7);
-  EXPECT_EQ(delta1['z'] * 1000 + delta1['l'] * 100 + delta1['e'] * 10 + delta1['x'], 7165);
-  int delta2[5];
-  orv::make_delta2(delta2, reinterpret_cast<const unsigned char*>("abcab"), 5);
-  EXPECT_EQ(delta2[4] * 10 + delta2[2], 15);
+  const unsigned char text[] = {'a', 0xC3, 0xA9, 0, 'b'};
+  EXPECT_EQ(UTF8StrLen(text, 5) * 10 + UTF8StrLen(nullptr, 5) + UTF8StrLen(text, -1), 20);
+  EXPECT_EQ(ptrToUTF8SymbolOffset(2, text, 5), text + 3);
+  EXPECT_EQ(ptrToUTF8SymbolOffset(-1, text, 5), nullptr);
+  EXPECT_EQ(UTF8StrLen(reinterpret_cast<const unsigned char*>(UINTPTR_MAX - 3), 10), 0);
+  unsigned char hay[] = "here is a simple example";
+  EXPECT_EQ(boyer_moore(hay, 24, hay + 17, 7), hay + 17);
+  EXPECT_EQ(boyer_moore(hay, 24, hay, 24), hay);
+  EXPECT_EQ(boyer_moore(hay, 3, hay + 17, 7), nullptr);
+  EXPECT_EQ(boyer_moore(nullptr, 24, hay, 7), nullptr);
+  int delta1[256], delta2[5];
+  make_delta1(delta1, hay + 17, 7);
+  make_delta2(delta2, bytes("abcab"), 5);
+  EXPECT_EQ(delta1['z'] * 100000 + delta1['l'] * 10000 + delta1['e'] * 1000 + delta1['x'] * 100 + delta2[4] * 10 + delta2[2], 716515);
 }
 
 TEST(Utility, FilesAndJson) {
   TempDir dir;
-  for (size_t n : {0, 1, 1023, 1024, 1025, 5000}) {
+  for (size_t n : {0, 1, 1024, 1025, 5000}) {
     std::string content(n, 'a');
     for (size_t i = 0; i < n; ++i) content[i] = static_cast<char>('a' + i % 26);
     write_file(dir.file("n"), content);
-    EXPECT_EQ(orv::read_all_content(dir.file("n")), content) << n;
+    EXPECT_EQ(read_all_content(dir.file("n")), content) << n;
     FILE* f = fopen(dir.file("n").c_str(), "rb");
     fseek(f, 1, SEEK_SET);
-    EXPECT_EQ(orv::getFileSize(f), static_cast<long>(n));
-    EXPECT_EQ(ftell(f), 1);
+    EXPECT_EQ(getFileSize(f) * 10 + ftell(f), static_cast<long>(n) * 10 + 1);
     fclose(f);
   }
   FILE* pipe = popen("head -c 4100 /dev/zero", "r");  // cannot seek: counted by reading
-  EXPECT_EQ(orv::getFileSize(pipe), 4100);
+  EXPECT_EQ(getFileSize(pipe), 4100);
   pclose(pipe);
-  EXPECT_EQ(orv::getFileSize(nullptr), -1);
+  EXPECT_EQ(getFileSize(nullptr), -1);
   write_file(dir.file("nul"), std::string("ab\0cd", 5));
-  EXPECT_EQ(orv::read_all_content(dir.file("nul")), "ab");
+  EXPECT_EQ(read_all_content(dir.file("nul")), "ab");
   for (const std::string& bad : {std::string(), dir.file("missing"), dir.path(), dir.file("n/x")}) {
-    EXPECT_EQ(orv::read_all_content(bad), "") << bad;
+    EXPECT_EQ(read_all_content(bad), "") << bad;
   }
-  orv::cJSON* root = orv::read_json(R"({"a":{"b":[10,"x"]}})");
-  orv::cJSON* b = orv::get_json_item(orv::get_json_item(root, "a"), "b");
-  EXPECT_EQ(orv::get_json_array_item(b, 0)->valueint, 10);
-  EXPECT_EQ(orv::get_json_array_item(b, 2), nullptr);
-  EXPECT_EQ(orv::get_json_array_item(b, 0x80000000u), nullptr);
-  EXPECT_EQ(orv::get_json_item(root, nullptr), nullptr);
-  EXPECT_EQ(orv::read_json("{bad"), nullptr);
-  orv::cJSON_Delete(root);
+  cJSON* root = read_json(R"({"a":{"b":[10,"x"]}})");
+  cJSON* b = get_json_item(get_json_item(root, "a"), "b");
+  EXPECT_EQ(get_json_array_item(b, 0)->valueint, 10);
+  EXPECT_EQ(get_json_array_item(b, 2), nullptr);
+  EXPECT_EQ(get_json_array_item(b, 0x80000000u), nullptr);
+  EXPECT_EQ(get_json_item(root, nullptr), nullptr);
+  EXPECT_EQ(read_json("{bad"), nullptr);
+  cJSON_Delete(root);
   std::vector<int> ints{7};
-  EXPECT_EQ(orv::json_to_int_vector(R"({"k":[1,-2,3.9,"s"]})", "k", ints), 1);
+  EXPECT_EQ(json_to_int_vector(R"({"k":[1,-2,3.9,"s"]})", "k", ints), 1);
   EXPECT_EQ(ints, (std::vector<int>{7, 1, -2, 3, 0}));
   std::vector<std::string> strs;
-  EXPECT_EQ(orv::json_to_str_vector(R"({"k":["a",5]})", "k", strs), 1);
+  EXPECT_EQ(json_to_str_vector(R"({"k":["a",5]})", "k", strs) * 10 + json_to_str_vector("{", "k", strs), 10);
   EXPECT_EQ(strs, (std::vector<std::string>{"a", ""}));
-  EXPECT_EQ(orv::json_to_str_vector(R"({"k":[]})", "k", strs), 0);
 }
 
 std::string md5_hex(const unsigned char* digest) {
