@@ -52,7 +52,7 @@ for arch in "${arches[@]}"; do
   compare=(abidiff --suppressions "$root/abi/liborv.suppr" "$record" "$current")
   status=0
   "${compare[@]}" --no-added-syms > "$root/build/abi/$arch.diff" || status=$?
-  cat "$root/build/abi/$arch.diff"
+  [ "$status" -eq 0 ] || cat "$root/build/abi/$arch.diff"
   if [ $((status & 3)) -ne 0 ]; then
     echo "abidiff failed ($status) on $arch" >&2
     exit 1
