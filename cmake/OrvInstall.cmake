@@ -13,7 +13,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/core/
   FILES_MATCHING PATTERN "*.h"
   PATTERN "*_internal.h" EXCLUDE
   PATTERN "tests" EXCLUDE)
-install(FILES ${PROJECT_SOURCE_DIR}/include/orv/orv.h
+install(FILES ${PROJECT_SOURCE_DIR}/include/orv/orv.h ${PROJECT_BINARY_DIR}/include/orv/version.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orv)
 
 install(EXPORT orvTargets NAMESPACE orv:: FILE orvTargets.cmake

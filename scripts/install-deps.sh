@@ -10,6 +10,10 @@
 #   scripts/install-deps.sh bench    also the peers the benchmarks compare
 #                                    against (Boost.Asio, POCO, spdlog) and
 #                                    gnuplot for the latency plot
+#   scripts/install-deps.sh packaging  also what building and checking the
+#                                    Debian packages needs (debhelper,
+#                                    lintian, libabigail's tools, debootstrap)
+# Profiles combine: scripts/install-deps.sh armhf packaging
 set -euo pipefail
 
 packages=(
@@ -18,12 +22,14 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev doxygen valgrind
   libpocketsphinx-dev pocketsphinx-en-us python3-pocketsphinx libespeak-ng-dev espeak-ng sox
 )
-if [ "${1:-}" = armhf ]; then
-  packages+=(crossbuild-essential-armhf qemu-user-static)
-fi
-if [ "${1:-}" = bench ]; then
-  packages+=(libboost-dev libpoco-dev libspdlog-dev gnuplot-nox)
-fi
+for profile in "$@"; do
+  case $profile in
+    armhf) packages+=(crossbuild-essential-armhf qemu-user-static) ;;
+    bench) packages+=(libboost-dev libpoco-dev libspdlog-dev gnuplot-nox) ;;
+    packaging) packages+=(dpkg-dev debhelper lintian abigail-tools debootstrap) ;;
+    *) echo "unknown profile: $profile" >&2; exit 2 ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do

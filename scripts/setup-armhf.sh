@@ -5,7 +5,10 @@
 #     scripts/install-deps.sh armhf;
 #   - a sysroot, build/sysroot-armhf: Debian's armhf builds of the C/C++
 #     runtime and of the libraries orv and its tests use, with every package
-#     they depend on, unpacked with dpkg-deb -x.
+#     they depend on, unpacked with dpkg-deb -x, and a dpkg database of them
+#     in the sysroot's var/lib/dpkg (their control, shlibs and symbols files
+#     and file lists), which the armhf package build reads to compute its
+#     dependencies (scripts/package.sh).
 # Nothing armhf is installed into the host. apt resolves and downloads the
 # armhf packages with a private state, cache and source list under
 # build/apt-armhf (the lists are still checked against the Debian archive
@@ -89,11 +92,26 @@ apt-get "${apt_opts[@]}" install --download-only -y -qq "${packages[@]}"
 new=$sysroot.new
 rm -rf "$new"
 mkdir -p "$new"
+admin=$new/var/lib/dpkg
+mkdir -p "$admin/info"
+: > "$admin/status"
 count=0
 for deb in "$archives"/*.deb; do
   dpkg-deb -x "$deb" "$new"
+  # As dpkg names them: a Multi-Arch: same package's files carry its arch.
+  name=$(dpkg-deb -f "$deb" Package)
+  [ "$(dpkg-deb -f "$deb" Multi-Arch)" != same ] || name=$name:armhf
+  rm -rf "$apt_dir/control" && dpkg-deb -e "$deb" "$apt_dir/control"
+  for file in shlibs symbols; do
+    [ ! -f "$apt_dir/control/$file" ] || cp "$apt_dir/control/$file" "$admin/info/$name.$file"
+  done
+  dpkg-deb --fsys-tarfile "$deb" | tar -t | sed -e 's|^\./|/|' -e 's|/$||' -e '/^$/d' \
+    > "$admin/info/$name.list"
+  { cat "$apt_dir/control/control"; echo "Status: install ok installed"; echo; } >> "$admin/status"
   count=$((count + 1))
 done
+echo armhf > "$admin/arch"
+echo 1 > "$admin/info/format"   # the multiarch layout: info/PACKAGE:ARCH.*
 rm -f "$archives"/*.deb
 
 # Absolute links would point into the host once the tree is used as a sysroot.

@@ -6,6 +6,8 @@
 #ifndef ORV_ORV_H
 #define ORV_ORV_H
 
+#include <orv/version.h>
+
 #include "core/Module_Loader/Dynamic_Lib__nix/orv_Dynamic_Module_Loader.h"
 #include "core/orv_Accesstoken/ORVAccessToken.h"
 #include "core/orv_Context.h"

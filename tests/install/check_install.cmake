@@ -1,4 +1,5 @@
-# Run by CTest: install, then build and run two consumers of the install tree.
+# Run by CTest: install (or take ORV_PREFIX, where the packages installed the
+# library), then build and run two consumers of the install tree.
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
   if(NOT result EQUAL 0)
@@ -8,27 +9,37 @@ function(run)
   set(last_output "${out}" PARENT_SCOPE)
 endfunction()
 
-set(prefix ${ORV_WORK_DIR}/prefix)
 file(REMOVE_RECURSE ${ORV_WORK_DIR})
-run(${CMAKE_COMMAND} --install ${ORV_BUILD_DIR} --prefix ${prefix})
+if(ORV_PREFIX)  # already installed, from the packages
+  set(prefix ${ORV_PREFIX})
+else()
+  set(prefix ${ORV_WORK_DIR}/prefix)
+  run(${CMAKE_COMMAND} --install ${ORV_BUILD_DIR} --prefix ${prefix})
+endif()
 
 foreach(required include/orv/orv.h include/orv/core/utility/Memory/singleton.h)
   if(NOT EXISTS ${prefix}/${required})
     message(FATAL_ERROR "missing from the install tree: ${required}")
   endif()
 endforeach()
-file(GLOB_RECURSE internal ${prefix}/include/*_internal.h)
+file(GLOB_RECURSE internal ${prefix}/include/orv/*_internal.h)
 if(internal)
   message(FATAL_ERROR "internal headers installed: ${internal}")
 endif()
 file(GLOB_RECURSE pc_files ${prefix}/*/orv.pc)
-file(GLOB_RECURSE libs ${prefix}/*/liborv.so.1)
 list(LENGTH pc_files pc_count)
-if(NOT pc_count EQUAL 1 OR NOT libs)
-  message(FATAL_ERROR "orv.pc or liborv.so.1 missing: ${pc_files} ${libs}")
+if(NOT pc_count EQUAL 1)
+  message(FATAL_ERROR "not one orv.pc: ${pc_files}")
 endif()
 get_filename_component(pc_dir ${pc_files} DIRECTORY)
-get_filename_component(lib_dir ${libs} DIRECTORY)
+get_filename_component(lib_dir ${pc_dir} DIRECTORY)
+# One version: orv.pc, the library's file name and (in the consumers)
+# <orv/version.h> and the CMake package.
+file(STRINGS ${pc_files} version REGEX "^Version: ")
+string(REPLACE "Version: " "" version "${version}")
+if(NOT EXISTS ${lib_dir}/liborv.so.${version})
+  message(FATAL_ERROR "no liborv.so.${version} next to orv.pc ${version}")
+endif()
 
 set(emulator)
 if(ORV_EMULATOR)
@@ -51,7 +62,7 @@ run(${CMAKE_COMMAND} -S ${ORV_CONSUMER_SOURCE} -B ${ORV_WORK_DIR}/cmake-consumer
   ${toolchain_arg})
 run(${CMAKE_COMMAND} --build ${ORV_WORK_DIR}/cmake-consumer)
 run(${emulator} ${ORV_WORK_DIR}/cmake-consumer/orv_consumer)
-if(NOT last_output MATCHES "orv consumer ok")
+if(NOT last_output STREQUAL "orv consumer ok ${version}\n")
   message(FATAL_ERROR "unexpected output: ${last_output}")
 endif()
 
@@ -75,6 +86,6 @@ separate_arguments(extra_flags UNIX_COMMAND "${ORV_CXX_FLAGS} ${ORV_LINK_FLAGS}"
 run(${ORV_CXX} -std=c++17 ${sysroot_flag} ${extra_flags} ${ORV_CONSUMER_SOURCE}/main.cpp ${pc_flags}
   -Wl,-rpath,${lib_dir} -o ${ORV_WORK_DIR}/pc_consumer)
 run(${emulator} ${ORV_WORK_DIR}/pc_consumer)
-if(NOT last_output MATCHES "orv consumer ok")
+if(NOT last_output STREQUAL "orv consumer ok ${version}\n")
   message(FATAL_ERROR "unexpected output: ${last_output}")
 endif()

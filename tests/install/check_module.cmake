@@ -1,4 +1,5 @@
-# Run by CTest: what a module author does. Installs the library, builds the
+# Run by CTest: what a module author does. Installs the library (or takes
+# ORV_PREFIX, where the packages installed it), builds the
 # Echo module out of the tree against the install with pkg-config only,
 # checks that the prepare function is its one exported function, and has
 # orv-demo load it from there.
@@ -11,11 +12,15 @@ function(run)
   set(last_output "${out}${err}" PARENT_SCOPE)
 endfunction()
 
-set(prefix ${ORV_WORK_DIR}/prefix)
 set(module_dir ${ORV_WORK_DIR}/my-modules)
 file(REMOVE_RECURSE ${ORV_WORK_DIR})
 file(MAKE_DIRECTORY ${module_dir})
-run(${CMAKE_COMMAND} --install ${ORV_BUILD_DIR} --prefix ${prefix})
+if(ORV_PREFIX)  # already installed, from the packages
+  set(prefix ${ORV_PREFIX})
+else()
+  set(prefix ${ORV_WORK_DIR}/prefix)
+  run(${CMAKE_COMMAND} --install ${ORV_BUILD_DIR} --prefix ${prefix})
+endif()
 file(GLOB_RECURSE pc_files ${prefix}/*/orv.pc)
 get_filename_component(pc_dir ${pc_files} DIRECTORY)
 get_filename_component(lib_dir ${pc_dir} DIRECTORY)

@@ -2,6 +2,7 @@
 #include <orv/orv.h>
 
 #include <stdio.h>
+#include <string.h>
 
 #include <vector>
 
@@ -14,6 +15,9 @@ struct Counter : orv::Memory::Singleton<Counter> {
 }  // namespace
 
 int main() {
+#ifdef ORV_PACKAGE_VERSION
+  if (strcmp(ORV_PACKAGE_VERSION, ORV_VERSION_STRING) != 0) return 1;  // CMake package vs. header
+#endif
   orv::Memory::orv_shared_ptr<int> number(new int(41));
   orv::Memory::orv_weak_ptr<int> weak(number);
   orv::Memory::orv_shared_ptr<int> promoted(weak);
@@ -31,6 +35,6 @@ int main() {
   if (orv::UUIDFactory::generateUUID().size() != 36) return 1;
   orv::Memory::orv_shared_ptr<orv::PCMQueue> queue = orv::PCMQueue::newQueue(4);
   if (queue->queueAudio(reinterpret_cast<const unsigned char*>("abcdef"), 6) != 4) return 1;
-  printf("orv consumer ok\n");
+  printf("orv consumer ok %s\n", ORV_VERSION_STRING);
   return 0;
 }
