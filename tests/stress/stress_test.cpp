@@ -1,0 +1,377 @@
+// Stress: many threads at once through the shared machinery, one scenario a
+// test. Each prints what it pushed through ("[stress] name: count");
+// ORV_STRESS_SCALE=N multiplies the counts (a quarter under qemu).
+#include <numeric>
+#include <random>
+#include <set>
+#include <utility>
+
+#include "gtest/gtest.h"
+
+#include "support/http_test_server.h"
+#include "support/streaming_recorder.h"
+#include "support/thread_test_support.h"
+
+namespace {
+
+using orv::Memory::orv_shared_ptr;
+using orv::Memory::orv_weak_ptr;
+using orv::Threads::RefreshTimer;
+using orv::Threads::Timer;
+using orv_test::Tracked;
+using std::chrono::seconds;
+typedef std::vector<std::atomic<int>> Counts;
+
+int scaled(int n) {
+  const char* s = getenv("ORV_STRESS_SCALE");
+  n *= std::max(1, s != nullptr ? atoi(s) : 1);
+  return orv_test::under_user_emulation() ? std::max(1, n / 4) : n;
+}
+
+long long sum(const Counts& c) { return std::accumulate(c.begin(), c.end(), 0LL); }
+
+void run_threads(int n, const std::function<void(int)>& body) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < n; ++i) threads.emplace_back(body, i);
+  for (std::thread& t : threads) t.join();
+}
+
+// A producer a stream, all at once: six serial queues, two run loops of three
+// priorities (now and then a synchronous task), a concurrent queue, the pool.
+// Each keeps a bounded backlog, as callers do. Every task runs exactly once,
+// a serial stream's in order (`next` is a plain int: overlapping tasks of one
+// stream show under the thread sanitizer).
+long long tasks() {
+  const int streams = 15, serial = 12, per = scaled(8000);
+  std::vector<orv_shared_ptr<orv::Threads::DispatchQueue>> queues;
+  std::vector<orv_shared_ptr<orv::Threads::AppRunloop>> loops;
+  for (int q = 0; q < 7; ++q) queues.push_back(orv::Threads::DispatchQueue::alloc(q < 6 ? 1 : 3));
+  for (int l = 0; l < 2; ++l) loops.push_back(orv::Threads::AppRunloop::alloc(2, "stress"));
+  auto pool = orv::Memory::Singleton<orv::Threads::GlobalThreadPool>::instance();
+  Counts hits(streams * per), ran(streams);
+  std::vector<int> next(streams, 0), out_of_order(streams, 0);
+  std::atomic<int> refused{0};
+  run_threads(streams, [&](int s) {
+    for (int i = 0; i < per; ++i) {
+      if (i % 64 == 0) orv_test::wait_until([&] { return ran[s] >= i - 64; }, seconds(30));
+      std::function<void()> body = [&, s, i] {
+        if (s < serial) out_of_order[s] += std::exchange(next[s], i + 1) != i;
+        ++hits[s * per + i];
+        ++ran[s];
+      };
+      bool ok;
+      if (s < 6 || s == 12) {
+        ok = queues[std::min(s, 6)]->runTaskAsync(orv_test::raw_closure(body), "stress");
+      } else if (s > 12) {
+        ok = pool->runTaskAsync(orv_test::closure(body), "stress");
+      } else if (i % 1000 == 999) {
+        ok = loops[(s - 6) / 3]->runTaskSync(orv_test::closure(body), s % 3);
+      } else {
+        ok = loops[(s - 6) / 3]->runTaskAsync(orv_test::closure(body), s % 3);
+      }
+      refused += !ok;
+    }
+  });
+  bool all_ran = orv_test::wait_until([&] { return sum(ran) == streams * per; }, seconds(60));
+  for (auto& q : queues) all_ran ? q->stopQueue_sync() : (void)q->cancel_sync();  // or drop the rest
+  for (auto& l : loops) all_ran ? l->stopRunloop_sync() : l->cancel_sync();
+  EXPECT_TRUE(all_ran) << sum(ran) << " of " << streams * per;
+  EXPECT_EQ(refused, 0);
+  EXPECT_EQ(std::count(hits.begin(), hits.end(), 1), streams * per) << "not run exactly once";
+  EXPECT_EQ(out_of_order, std::vector<int>(streams, 0));
+  return streams * per;
+}
+
+// The owner makes an object a round and drops it while readers promote weak
+// pointers to it, copy and drop them.
+long long pointers() {
+  const int rounds = scaled(6000);
+  std::mutex mutex;
+  orv_weak_ptr<Tracked> slot;
+  std::atomic<long long> promoted{0}, dead{0}, bad{0};
+  std::atomic<bool> done{false};
+  run_threads(4, [&](int r) {
+    for (int round = 0; r == 0 && round < rounds; ++round) {
+      auto bound = std::chrono::steady_clock::now() + seconds(10);  // readers keep up
+      while (promoted + dead < round && std::chrono::steady_clock::now() < bound) std::this_thread::yield();
+      orv_shared_ptr<Tracked> owner(new Tracked(7)), copy = owner;
+      { std::lock_guard<std::mutex> lock(mutex); slot = owner; }
+      orv_weak_ptr<Tracked> weak(copy);
+      copy = orv_shared_ptr<Tracked>(new Tracked(7));  // reassignment drops a share
+      owner.releaseManagedPointer();                   // the last, unless a reader holds one
+    }
+    if (r == 0) done = true;
+    while (!done) {
+      orv_weak_ptr<Tracked> weak;
+      std::vector<orv_shared_ptr<Tracked>> held;
+      { std::lock_guard<std::mutex> lock(mutex); weak = slot; }
+      for (int k = 0; k < 8; ++k, ++promoted) {
+        orv_shared_ptr<Tracked> strong(weak);  // racing the owner's release
+        if (!strong) { ++dead; break; }
+        bad += strong->value != 7;
+        held.push_back(orv_shared_ptr<Tracked>(orv_weak_ptr<Tracked>(strong)));
+      }
+    }
+  });
+  slot = orv_weak_ptr<Tracked>();
+  EXPECT_EQ(bad, 0);
+  EXPECT_EQ(Tracked::live(), 0);
+  EXPECT_EQ(Tracked::destroyed(), 2 * rounds);
+  printf("[stress] promotions: %lld, of dropped objects: %lld\n", promoted.load(), dead.load());
+  return 2 * rounds;
+}
+
+// Every message body is freed exactly once, delivered or dropped.
+std::atomic<long long> g_freed{0}, g_delivered{0};
+std::atomic<int> g_receivers{0};
+struct Receiver : orv::EventManager {
+  explicit Receiver(orv_weak_ptr<orv::Context>& c) : EventManager(c) { ++g_receivers; }
+  ~Receiver() override { --g_receivers; }
+  void send(orv_shared_ptr<orv::Message>& m) override {
+    EXPECT_EQ(std::string(m->m_data.getPTR(), m->m_dataLength), "body");
+    ++g_delivered;
+  }
+};
+
+// Two threads post to four receivers (half through their own queue) while the
+// receivers and then their context are released.
+long long messages() {
+  const int rounds = scaled(120), per = 300;
+  for (int round = 0; round < rounds; ++round) {
+    orv_shared_ptr<orv::Context> context = orv::Context::newContext();
+    orv_weak_ptr<orv::Context> weak_context(context);
+    std::vector<orv_shared_ptr<orv::EventManager>> receivers;
+    std::vector<orv_weak_ptr<orv::EventManager>> targets;
+    for (int i = 0; i < 4; ++i) {
+      receivers.push_back(orv_shared_ptr<orv::EventManager>(new Receiver(weak_context)));
+      receivers[i]->m_self = receivers[i];
+      receivers[i]->m_useOwnQueue = i % 2;
+      targets.push_back(orv_weak_ptr<orv::EventManager>(receivers[i]));
+    }
+    orv_shared_ptr<orv::EventManager> sender = receivers[0];
+    std::thread posters([&] {
+      run_threads(2, [&](int p) {
+        for (int i = 0; i < per; ++i) {
+          orv_shared_ptr<orv::Message> m(new orv::Message());
+          m->m_data = orv_shared_ptr<char>(strdup("body"), [](void* b) { ++g_freed; free(b); });
+          m->m_dataLength = 4;
+          sender->post(targets[(p + i) % 4], m, static_cast<unsigned char>(i % 3));
+        }
+      });
+    });
+    for (int i = 3; i >= 1; --i) {
+      receivers[i]->release_instance();
+      receivers[i].releaseManagedPointer();
+    }
+    posters.join();
+    context->release_instance();
+    context.releaseManagedPointer();
+    receivers[0]->release_instance();
+    receivers.clear();
+    sender.releaseManagedPointer();
+  }
+  long long posted = 2LL * per * rounds;  // queued deliveries go with their queues
+  EXPECT_TRUE(orv_test::wait_until([&] { return g_freed == posted && g_receivers == 0; }, seconds(30)))
+      << g_freed << " of " << posted << " bodies freed, receivers left: " << g_receivers;
+  printf("[stress] messages delivered: %lld\n", g_delivered.load());
+  return posted;
+}
+
+// One-shot, repeating and refreshed timers made from three threads at once;
+// then two threads race to cancel some (and refresh the others). A one-shot
+// timer runs exactly once unless its cancel() was true, exactly one cancel()
+// of a listed timer is true, and none once it fired or was cancelled.
+long long timers() {
+  long long made = 0;
+  for (int kind = 0; kind < 3; ++kind) {
+    SCOPED_TRACE("timer kind " + std::to_string(kind));
+    const int n = scaled(kind == 1 ? 24 : 1500);
+    auto hits = std::make_shared<Counts>(n);  // a task handed over may outlive the test
+    Counts wins(n);
+    std::vector<std::function<bool(bool)>> timer(n);  // (true) cancel, (false) refresh
+    run_threads(3, [&](int t) {
+      for (int i = t; i < n; i += 3) {
+        orv_test::TaskPtr task = orv_test::closure([hits, i] { ++(*hits)[i]; });
+        if (kind == 2) {
+          orv_shared_ptr<RefreshTimer> r = RefreshTimer::createTimerWithTask(task, 20 + i % 30);
+          timer[i] = [r](bool cancel) { return cancel ? r->cancel() : r->refresh(); };
+        } else {
+          orv_shared_ptr<Timer> r =
+              Timer::createTimerWithTask(task, kind == 1 ? 20 + i % 30 : 1 + i % 40, kind == 1);
+          timer[i] = [r](bool cancel) { return !cancel || r->cancel(); };
+        }
+      }
+    });
+    if (kind == 1) orv_test::wait_until([&] { return sum(*hits) >= n; }, seconds(20));
+    run_threads(2, [&](int) {
+      for (int i = 0; i < n; ++i) {
+        if (kind == 1 || i % 3 == 0) wins[i] += timer[i](true);
+        else EXPECT_TRUE(timer[i](false));
+      }
+    });
+    long long due = n - sum(wins);
+    EXPECT_TRUE(orv_test::wait_until([&] {
+      return orv_test::timer_thread_state<Timer>() == 0 &&
+             orv_test::timer_thread_state<RefreshTimer>() == 0 && (kind == 1 || sum(*hits) == due);
+    }, seconds(30)));
+    int wrong = 0;
+    for (int i = 0; i < n; ++i) {
+      wrong += (kind == 1 ? wins[i] != 1 : (*hits)[i] != 1 - wins[i]) + timer[i](true);
+    }
+    EXPECT_EQ(wrong, 0);
+    made += n;
+  }
+  return made;
+}
+
+long long uuids() {
+  orv_test::TempDir dir;
+  orv::PlatformPaths::setWriteableLibraryDataPath(dir.path() + "/");
+  const int each = scaled(4000);
+  std::vector<std::vector<std::string>> made(4);
+  std::vector<std::string> identity(4);
+  run_threads(4, [&](int t) {
+    identity[t] = orv::UUIDFactory::getIdentity();
+    for (int i = 0; i < each; ++i) made[t].push_back(orv::UUIDFactory::generateUUID());
+  });
+  std::set<std::string> all;
+  for (int t = 0; t < 4; ++t) all.insert(made[t].begin(), made[t].end());
+  EXPECT_EQ(all.size(), 4u * each) << "duplicate UUIDs";
+  EXPECT_EQ(identity, std::vector<std::string>(4, orv_test::read_file(dir.file("ORV_Ident.dat"))));
+  return static_cast<long long>(all.size());
+}
+
+// Streaming tasks of all three modes, in waves of twelve threads, fed in
+// pieces and ended four ways: completed, cancelled or released (by another
+// thread) while fed, fed after a cancel. Only a completed transfer owes a
+// result; no callback comes once the task is gone.
+long long streaming() {
+  orv_test::HttpTestServer server;
+  EXPECT_TRUE(server.start()) << server.error();
+  const int tasks = scaled(240);
+  std::vector<orv_shared_ptr<orv_test::Recorder>> users(tasks);
+  for (auto& user : users) user = orv_shared_ptr<orv_test::Recorder>(new orv_test::Recorder());
+  for (int first = 0; first < tasks; first += 12) {
+    run_threads(std::min(12, tasks - first), [&](int k) {
+      const int n = first + k, mode = 1 + n % 3, ending = n / 3 % 4;
+      const std::string id = std::to_string(n), paths[] = {"", "/duplex", "/upload", "/stream"};
+      SCOPED_TRACE("task " + id + " mode " + std::to_string(mode) + " ending " + std::to_string(ending));
+      auto request = orv::Networking::orv_HttpRequest::requestWithUrl(
+          server.http_url(paths[mode] + "?n=40&size=500&interval=2&id=" + id));
+      request->_transfer_mode = mode;
+      orv_test::StreamTask task = orv::Networking::orv_http_request_maker::get_instance();
+      orv_shared_ptr<orv_test::Recorder>& user = users[n];
+      task->start_request(request, &orv_test::record, &user);
+      std::string sent;
+      std::thread stopper;
+      for (int i = 0; i < 12; ++i) {
+        if (i == 6 && ending > 0) {  // the stop races the pieces that follow
+          stopper = std::thread([task, ending] { ending == 2 ? task->release_instance() : task->cancel(); });
+        }
+        std::string piece = orv_test::noise(100 + (n + i * 37) % 900, n + i);
+        if (mode != orv_test::kDownloadMode) orv_test::send(task, piece, ending == 0 && i == 11);
+        if (mode != orv_test::kDownloadMode) sent += piece;
+      }
+      if (stopper.joinable()) stopper.join();
+      if (ending == 3) orv_test::send(task, "after the cancel", true);
+      if (ending == 0) orv_test::wait_until([&] { return !user->ends().empty(); }, seconds(30));
+      EXPECT_TRUE(orv_test::release_within(task, std::chrono::milliseconds(30000)));
+      EXPECT_TRUE(orv_test::dropped_and_gone(task, std::chrono::milliseconds(30000)));
+      user->released = true;  // a post task may call back until it is gone
+      std::vector<orv_test::Final> ends = user->ends();
+      EXPECT_LE(ends.size(), 1u);
+      if (ending != 0) return;
+      ASSERT_EQ(ends.size(), 1u);
+      EXPECT_EQ(ends[0].error, mode == orv_test::kDownloadMode ? 6 : 0);
+      if (mode == orv_test::kDownloadMode) {
+        EXPECT_EQ(user->received(), orv_test::stream_pattern(40 * 500));
+        return;
+      }
+      EXPECT_EQ(ends[0].status, 200);
+      EXPECT_TRUE(orv_test::has(server.upload_result(id), "bytes " + std::to_string(sent.size()) + " "));
+      if (mode == orv_test::kPostMode) {
+        EXPECT_EQ(user->received(), sent);
+      }
+    });
+  }
+  int late = 0;
+  for (auto& user : users) late += user->late_calls;
+  EXPECT_EQ(late, 0);
+  EXPECT_TRUE(orv_test::wait_until(orv_test::refresh_timer_thread_idle));
+  return tasks;
+}
+
+orv_shared_ptr<char> str(const std::string& text) { return orv_shared_ptr<char>(strdup(text.c_str()), &free); }
+
+// Six waiters ask for the token again and again while a thread cancels their
+// waits and another changes the keys or resets the token. A call gets a token
+// fetched with one of the pairs, or "Cancelled" when its own wait was.
+long long token() {
+  orv_test::HttpTestServer server;
+  EXPECT_TRUE(server.start()) << server.error();
+  orv::orv_AccessToken::setTokenEndpoint(server.token_url("answer=client&delay=0.002"));
+  orv_shared_ptr<orv::orv_AccessToken> token = orv::orv_AccessToken::alloc();
+  const char* keys[2][2] = {{"apiA", "secA"}, {"apiB", "secB"}};
+  token->setKeys(str(keys[0][0]), str(keys[0][1]));
+  const int calls = scaled(1000), changes = scaled(500);
+  std::mutex mutex;  // guards the cancel flags of the waits in progress
+  std::vector<bool*> flags(6, nullptr);
+  std::atomic<int> finished{0}, current{0}, fetches_due{1};
+  std::atomic<long long> cancelled{0}, wrong{0};
+  run_threads(8, [&](int w) {
+    for (int i = 1; w == 6 && i <= changes; ++i) {
+      if (i % 5 == 0) token->resetAccessToken();
+      if (i % 5 != 0 && i % 7 != 0) current = 1 - current;
+      if (i % 5 != 0) token->setKeys(str(keys[current][0]), str(keys[current][1]));  // (same: no fetch)
+      fetches_due += i % 5 == 0 || i % 7 != 0;
+    }
+    std::mt19937 random(7);
+    while (w == 7 && finished < 6) {
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (bool* flag = flags[random() % 6]) token->cancelTokenWaitWithHandle(flag);
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds(300));  // pacing only
+    }
+    for (int c = 0; w < 6 && c < calls; ++c) {
+      std::unique_ptr<bool> flag(new bool(false));
+      { std::lock_guard<std::mutex> lock(mutex); flags[w] = flag.get(); }
+      orv_shared_ptr<char> error, got = token->getAccessToken(&error, flag.get());
+      std::lock_guard<std::mutex> lock(mutex);
+      flags[w] = nullptr;
+      std::string text = got.getPTR() ? got.getPTR() : "", why = error.getPTR() ? error.getPTR() : "";
+      bool fetched = text.rfind("tok-apiA-secA-", 0) == 0 || text.rfind("tok-apiB-secB-", 0) == 0;
+      wrong += !(fetched ? why.empty() : text.empty() && why == "Cancelled" && *flag);
+      cancelled += !fetched;
+    }
+    finished += w < 6;
+  });
+  EXPECT_EQ(wrong, 0);
+  EXPECT_LT(cancelled, 6LL * calls);
+  orv_shared_ptr<char> error, last = token->getAccessToken(&error, nullptr);  // the last keys' token
+  const std::string want = std::string("tok-") + keys[current][0] + "-" + keys[current][1] + "-";
+  EXPECT_EQ(std::string(last.getPTR() ? last.getPTR() : "").rfind(want, 0), 0u);
+  EXPECT_EQ(server.token_fetches(), fetches_due);  // every fetch succeeds: waiters never start one
+  printf("[stress] token calls cancelled: %lld, fetches: %d\n", cancelled.load(), server.token_fetches());
+  return 6LL * calls;
+}
+
+struct Scenario {
+  const char* name;
+  long long (*run)();
+};
+const Scenario kScenarios[] = {{"tasks", tasks},   {"pointer_rounds", pointers},
+                               {"messages_posted", messages}, {"timers", timers},
+                               {"uuids", uuids}, {"streaming_tasks", streaming},
+                               {"token_calls", token}};
+
+class Stress : public testing::TestWithParam<Scenario> {};
+TEST_P(Stress, Run) {
+  long long count = GetParam().run();
+  RecordProperty(GetParam().name, std::to_string(count));
+  printf("[stress] %s: %lld\n", GetParam().name, count);
+}
+INSTANTIATE_TEST_SUITE_P(All, Stress, testing::ValuesIn(kScenarios),
+                         [](const testing::TestParamInfo<Scenario>& p) { return std::string(p.param.name); });
+
+}  // namespace
