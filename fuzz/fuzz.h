@@ -12,7 +12,8 @@
 #include <algorithm>
 #include <string>
 
-#define FUZZ_CHECK(c) ((c) ? (void)0 : (fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #c), abort()))
+#define FUZZ_CHECK(c) \
+  ((c) ? (void)0 : (fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #c), abort()))
 
 namespace orv_fuzz {
 

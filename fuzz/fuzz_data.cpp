@@ -17,7 +17,8 @@ using orv::Networking::orv_HttpTask_impl;
 int length(orv_fuzz::Input& in, int cap) {
   uint8_t b = in.byte();
   int span = cap > 0 ? cap : 64;
-  const int lengths[] = {b & 7, (b & 63) % (span + 1), span - 2 + (b & 7), b & 1 ? -(b & 15) - 1 : 2 * span + (b & 15)};
+  const int lengths[] = {b & 7, (b & 63) % (span + 1), span - 2 + (b & 7),
+                         b & 1 ? -(b & 15) - 1 : 2 * span + (b & 15)};
   return lengths[b >> 6];
 }
 
@@ -45,7 +46,9 @@ void pcm_queue(orv_fuzz::Input& in) {
       want = len < 0 ? -1 : static_cast<int>(model.size());
     } else if (op < 7) {  // peek, deque (all of len, or what there is with partial), shift
       want = len < 0 || (op < 6 && len > stored && !partial) ? 0 : std::min(len, stored);
-      got = op < 4 ? q->readSamples(out, len, partial) : op < 6 ? q->dequeSamples(out, len, partial) : q->shiftSize(len);
+      got = op < 4   ? q->readSamples(out, len, partial)
+            : op < 6 ? q->dequeSamples(out, len, partial)
+                     : q->shiftSize(len);
       FUZZ_CHECK(op == 6 || got != want || memcmp(out, model.data(), want) == 0);
       model.erase(0, op < 4 ? 0 : want);
       pos += op < 4 || cap == 0 ? 0 : want;  // linear consumption keeps the position
@@ -63,7 +66,8 @@ void pcm_queue(orv_fuzz::Input& in) {
       int from = length(in, 0), room = std::max(0, length(in, 0));
       int64_t available = stored - from, wanted = len + 1;
       if (available < wanted) wanted = partial ? available : 0;
-      want = from < 0 || available < 0 || wanted < 0 || wanted > room ? 0 : static_cast<int>(wanted);
+      want =
+          from < 0 || available < 0 || wanted < 0 || wanted > room ? 0 : static_cast<int>(wanted);
       got = q->readSamples(out, room, from, from + len, partial);
       FUZZ_CHECK(got != want || want == 0 || memcmp(out, model.data() + from, want) == 0);
     }
@@ -88,28 +92,33 @@ void send_data(orv_fuzz::Input& in) {
   orv_shared_ptr<orv_http_request_maker> task = orv_http_request_maker::get_instance();
   auto* impl = static_cast<orv_HttpTask_impl*>(task.getPTR());
   // Mode 0: the send queue is made and no transfer starts.
-  task->start_request(orv::Networking::orv_HttpRequest::requestWithUrl("http://127.0.0.1/none"), nullptr, nullptr);
+  task->start_request(orv::Networking::orv_HttpRequest::requestWithUrl("http://127.0.0.1/none"),
+                      nullptr, nullptr);
   std::string sent, read;
   bool last = false, stopped = false;
   while (!in.empty() && sent.size() < (1u << 20)) {
     const uint8_t op = in.byte();
     if (op % 6 < 2) {  // a piece, small or up to 64 KiB, of bytes that tell their place
       std::string bytes(op % 6 == 0 ? in.byte() : in.u16(), '\0');
-      for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>((sent.size() + i) * 131 + ((sent.size() + i) >> 8));
+      for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<char>((sent.size() + i) * 131 + ((sent.size() + i) >> 8));
       orv_shared_ptr<unsigned char> block = copy_of(bytes);
       last = op & 0x80;
       task->send_data(block, static_cast<long>(bytes.size()), last);
       sent += bytes;
     } else if (op % 6 == 2) {  // a bad piece queues nothing but still sets the flag
-      orv_shared_ptr<unsigned char> block = op & 0x40 ? orv_shared_ptr<unsigned char>() : copy_of("x");
+      orv_shared_ptr<unsigned char> block =
+          op & 0x40 ? orv_shared_ptr<unsigned char>() : copy_of("x");
       last = op & 0x80;
       task->send_data(block, block ? -1 - in.byte() : 1 + in.byte(), last);
     } else if (op % 6 < 5) {  // a read of size * count bytes
-      size_t unit = 1 + in.byte() % 4, count = in.u16() % 20000, want = unit * count, queued = sent.size() - read.size();
+      size_t unit = 1 + in.byte() % 4, count = in.u16() % 20000, want = unit * count,
+             queued = sent.size() - read.size();
       if (!stopped && !last && queued == 0 && want > 0) continue;  // it would wait
       std::vector<char> buffer(want + 1);
       size_t got = orv_HttpTask_impl::read_callback(buffer.data(), unit, count, &impl->_self);
-      FUZZ_CHECK(got == (stopped ? 0 : std::min(want, queued)) && memcmp(buffer.data(), sent.data() + read.size(), got) == 0);
+      FUZZ_CHECK(got == (stopped ? 0 : std::min(want, queued)) &&
+                 memcmp(buffer.data(), sent.data() + read.size(), got) == 0);
       read.append(buffer.data(), got);
     } else {
       task->cancel();

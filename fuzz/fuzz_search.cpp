@@ -20,6 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Exact-size copies: a read past either end is caught.
   std::vector<unsigned char> t(text.begin(), text.end()), p(pattern.begin(), pattern.end());
   void* found = orv::boyer_moore(t.data(), t.size(), p.data(), p.size());
-  FUZZ_CHECK(found == (t.empty() || p.empty() ? nullptr : memmem(t.data(), t.size(), p.data(), p.size())));
+  FUZZ_CHECK(found ==
+             (t.empty() || p.empty() ? nullptr : memmem(t.data(), t.size(), p.data(), p.size())));
   return 0;
 }
