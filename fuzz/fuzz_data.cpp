@@ -49,7 +49,7 @@ void pcm_queue(orv_fuzz::Input& in) {
       FUZZ_CHECK(op == 6 || got != want || memcmp(out, model.data(), want) == 0);
       model.erase(0, op < 4 ? 0 : want);
       pos += op < 4 || cap == 0 ? 0 : want;  // linear consumption keeps the position
-    } else if (cap > 0) {                    // skip forward to a position near the current one
+    } else if (cap > 0) {  // skip forward to a position near the current one
       want = len - 2 < 1 ? 0 : std::min(len - 2, stored);
       got = q->shiftToLogicPos(static_cast<int>(pos) + len - 2);
       model.erase(0, want);
@@ -81,8 +81,8 @@ void send_data(orv_fuzz::Input& in) {
   auto task = orv::Networking::orv_http_request_maker::get_instance();
   auto* impl = static_cast<orv_HttpTask_impl*>(task.getPTR());
   // Mode 0: the send queue is made and no transfer starts.
-  task->start_request(orv::Networking::orv_HttpRequest::requestWithUrl("http://x/"), nullptr,
-                      nullptr);
+  auto request = orv::Networking::orv_HttpRequest::requestWithUrl("http://127.0.0.1/none");
+  task->start_request(request, nullptr, nullptr);
   std::string sent, read;
   bool last = false, stopped = false;
   while (in.size > 0 && sent.size() < (1u << 20)) {

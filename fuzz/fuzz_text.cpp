@@ -70,9 +70,9 @@ void header_lines(orv_fuzz::Input& in) {
              response->_http_status == 200);
 }
 
-// The protocol runs through "://", the host to the first '/' (or a ':' before it), the path
-// from there; empty parts are null. One resolver parses again and again, so
-// that freeing the previous parts is exercised too.
+// The protocol runs through "://", the host to the first '/' (or a ':'
+// before it), the path from there; empty parts are null. One resolver parses
+// again and again, so that freeing the previous parts is exercised too.
 bool part_is(const char* got, const std::string& want) {
   return want.empty() ? got == nullptr : got != nullptr && want == got;
 }
