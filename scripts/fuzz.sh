@@ -1,15 +1,15 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets (preset "fuzz": clang, ASan + UBSan) and runs
+# Builds the libFuzzer drivers (preset "fuzz": clang, ASan + UBSan) and runs
 # each for a bounded time, starting from its committed seeds.
-#   scripts/fuzz.sh            about 30 s per target
-#   scripts/fuzz.sh 600        10 minutes per target
-#   ORV_FUZZ_TARGETS="fuzz_utf8 fuzz_pcm_queue" scripts/fuzz.sh 120
+#   scripts/fuzz.sh            20 s per driver (three drivers)
+#   scripts/fuzz.sh 600        10 minutes per driver
+#   ORV_FUZZ_TARGETS="fuzz_text fuzz_data" scripts/fuzz.sh 120
 # The corpus grows in build/fuzz/corpus/<target> (a copy of fuzz/corpus/,
 # so the committed seeds stay small); crashes land in build/fuzz/crashes/.
 # Exits non-zero on the first target that finds a fault.
 set -euo pipefail
 
-seconds=${1:-30}
+seconds=${1:-20}
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 
@@ -42,5 +42,5 @@ for t in $targets; do
   summary+=("$(printf '%-22s %12s execs  %s  corpus %s' "$t" "${runs:-?}" "${cov:-}" \
     "$(ls "$corpus" | wc -l)")")
 done
-echo "=== fuzz summary (${seconds} s per target)"
+echo "=== fuzz summary (${seconds} s per driver)"
 printf '%s\n' "${summary[@]}"
