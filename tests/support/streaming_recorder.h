@@ -56,24 +56,17 @@ struct Recorder {
   std::atomic<bool> released{false};
   std::atomic<bool> release_returned{false};
   std::atomic<int> late_calls{0};
-  const void* self_seen = nullptr;  // not held: the task must be free to go
+  const void* task_seen = nullptr;  // not held: the task must be free to go
 
-  std::string received() {
+  template <class T>
+  T locked(const T& field) {
     std::lock_guard<std::mutex> lock(mutex);
-    return data;
+    return field;
   }
-  size_t received_size() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return data.size();
-  }
-  int piece_count() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return pieces;
-  }
-  std::vector<Final> ends() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return finals;
-  }
+  std::string received() { return locked(data); }
+  size_t received_size() { return received().size(); }
+  int piece_count() { return locked(pieces); }
+  std::vector<Final> ends() { return locked(finals); }
 };
 
 // The result callback; its user data is an orv_shared_ptr<Recorder>*.
@@ -83,7 +76,7 @@ inline void record(StreamTask& task,
   Recorder* r = static_cast<orv::Memory::orv_shared_ptr<Recorder>*>(user)->getPTR();
   if (r->released.load()) r->late_calls++;
   std::lock_guard<std::mutex> lock(r->mutex);
-  if (r->self_seen == nullptr) r->self_seen = task.getPTR();
+  r->task_seen = task.getPTR();
   if (response->_length > 1) {
     r->data.append(response->_data.getPTR(), response->_length - 1);
     r->pieces++;
@@ -102,7 +95,8 @@ inline void send(StreamTask& task, const std::string& piece, bool last) {
 
 // Runs work on a detached thread and waits at most bound for it: a hang
 // shows as a failure, not as a stuck test (the thread keeps what it uses).
-inline bool within(std::function<bool()> work, std::chrono::milliseconds bound) {
+inline bool within(std::function<bool()> work,
+                   std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
   auto done = std::make_shared<std::promise<bool>>();
   std::future<bool> result = done->get_future();
   std::thread([work, done] { done->set_value(work()); }).detach();
@@ -113,22 +107,14 @@ inline bool within(std::function<bool()> work, std::chrono::milliseconds bound) 
 // transfer included) when a no-op queued behind it has run.
 inline bool transfer_finished(StreamTask task,
                               std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
-  return within(
-      [task] {
-        auto* impl = static_cast<orv::Networking::orv_HttpTask_impl*>(task.getPTR());
-        return impl->m_managerMain->runTaskSync([](orv::Memory::orv_shared_ptr_base*) {}, nullptr);
-      },
-      bound);
+  auto* impl = static_cast<orv::Networking::orv_HttpTask_impl*>(task.getPTR());
+  return within([task, impl] { return impl->m_managerMain->runTaskSync([](auto*) {}, nullptr); },
+                bound);
 }
 
 inline bool release_within(StreamTask task,
                            std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
-  return within(
-      [task] {
-        task->release_instance();
-        return true;
-      },
-      bound);
+  return within([task] { return task->release_instance(), true; }, bound);
 }
 
 // Drops the caller's pointer and waits until the task is gone: its transfer
