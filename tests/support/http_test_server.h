@@ -21,10 +21,8 @@ namespace orv_test {
 
 class HttpTestServer {
  public:
-  // The name of the server's certificate, and one that SNI answers with a
-  // certificate of an unrelated name.
+  // The name of the server's certificate.
   static constexpr const char* kPinnedHost = "speech.orv-pinned.example";
-  static constexpr const char* kMismatchHost = "mismatch.orv-pinned.example";
 
   ~HttpTestServer() { stop(); }
   // False (with error()) when the server did not come up within the bound.
@@ -41,8 +39,8 @@ class HttpTestServer {
   // The body of a GET of path on the plain port, made with libcurl directly
   // (not through liborv, and logging nothing); "" on failure.
   std::string fetch(const std::string& path) const;
-  // A number of /_stats: "count <path>", "sni <name>", "held" (token
-  // requests waiting for release_token()); 0 when absent.
+  // A number of /_stats: "count <path>", "held" (token requests waiting for
+  // release_token()); 0 when absent.
   int stat(const std::string& key) const;
   int count(const std::string& path) const { return stat("count " + path); }
   // The record of /upload?id=id ("none" before the upload began).

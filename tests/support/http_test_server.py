@@ -7,8 +7,7 @@
 # prints "READY http=<port> https=<port> pinned=<port or -1>" (also into
 # --ready-file, written whole at once) and ends when its standard input closes.
 #
-# The certificate is made at start for HOST_NAME and 127.0.0.1; a client asking
-# by SNI for MISMATCH_NAME is served one of an unrelated name instead.
+# The certificate is made at start for HOST_NAME and 127.0.0.1.
 
 import argparse, functools, json, os, socket, ssl, struct, subprocess, sys, threading
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
@@ -17,7 +16,6 @@ from urllib.parse import parse_qs, urlsplit
 # ---- The server: listeners, certificates, READY line, end at end of input ----
 
 HOST_NAME = "speech.orv-pinned.example"
-MISMATCH_NAME = "mismatch.orv-pinned.example"
 STOP = threading.Event()
 SNI = {}  # id of a TLS connection -> the name it asked for
 
@@ -36,6 +34,7 @@ def make_context(directory, name):
 
 class Server(ThreadingHTTPServer):
     daemon_threads = allow_reuse_address = True
+    request_queue_size = 128  # many clients connect at once
     context = None
 
     # The TLS handshake runs on the connection's own thread, so a slow or
@@ -52,22 +51,14 @@ class Server(ThreadingHTTPServer):
             request.close()
 
 
-def serve(handler, on_sni=lambda name: None):
+def serve(handler):
     parser = argparse.ArgumentParser()
     parser.add_argument("--cert-dir", required=True)
     parser.add_argument("--pinned-port", type=int, default=0)
     parser.add_argument("--ready-file")
     args = parser.parse_args()
     context = make_context(args.cert_dir, HOST_NAME)
-    unrelated = make_context(args.cert_dir, "unrelated.orv-test.example")
-
-    def sni(tls, name, _):
-        SNI[id(tls)] = name or ""
-        on_sni(name)
-        if name == MISMATCH_NAME:
-            tls.context = unrelated
-
-    context.sni_callback = sni
+    context.sni_callback = lambda tls, name, _: SNI.__setitem__(id(tls), name or "")
     servers = [Server(("127.0.0.1", 0), handler), Server(("127.0.0.1", 0), handler)]
     pinned = -1
     try:
@@ -94,8 +85,8 @@ def serve(handler, on_sni=lambda name: None):
 
 # ---- Test-only routes --------------------------------------------------------
 #
-# Every request is counted by path ("count <path>" in /_stats), and so is every
-# name asked for by SNI ("sni <name>"). Query parameters shape the answers:
+# Every request is counted by path ("count <path>" in /_stats). Query
+# parameters shape the answers:
 #   /echo            JSON of the request: method, path (with query), headers as
 #                    "Name: value" lines in received order, body, host, sni, tls
 #   /body            status ?status= (200) with the body ?body=, or with the
@@ -295,4 +286,4 @@ class Handler(BaseHTTPRequestHandler):
 
 
 if __name__ == "__main__":
-    serve(Handler, lambda name: name and bump("sni " + name))
+    serve(Handler)
