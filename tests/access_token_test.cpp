@@ -76,7 +76,7 @@ class AccessToken : public ::testing::Test {
 };
 
 TEST_F(AccessToken, KeysDecideWhatIsFetched) {
-  orv_AccessToken::setTokenEndpoint(server.token_url());
+  orv_AccessToken::setTokenEndpoint(server.token_url("answer=client"));  // tokens name their keys
   Token t = orv_AccessToken::alloc();
   EXPECT_FALSE(t->isApiKeyInfoSet() || t->getAccessToken(nullptr, nullptr));
   EXPECT_EQ(fetch(t), "<null> NO API/SECRET KEY");
@@ -97,7 +97,7 @@ TEST_F(AccessToken, KeysDecideWhatIsFetched) {
   t->setKeys(str("api-1"), str("secret-1"));
   EXPECT_TRUE(settled(t));
   EXPECT_EQ(fetch(t), "tok-api-1-secret-1-2 <null>");
-  orv_AccessToken::setTokenEndpoint(server.https_url("/oauth/2.0/token"));
+  orv_AccessToken::setTokenEndpoint(server.https_url("/oauth/2.0/token?answer=client"));
   t->resetAccessToken();
   EXPECT_EQ(fetch(t), "tok-api-1-secret-1-3 <null>");
   t->setKeys(str("api-1"), str("secret-2"));  // only the secret differs: a change too
@@ -129,10 +129,10 @@ TEST_F(AccessToken, WaitersShareOneFetchAndCancelOnlyTheirOwnWait) {
   server.release_token();
   for (std::future<std::string>* f : {&starter, &b, &c}) {
     ASSERT_TRUE(ready(*f, s(20)));
-    EXPECT_EQ(f->get(), "tok-api-secret-2 <null>");
+    EXPECT_EQ(f->get(), "orv-token-2 <null>");
   }
   ASSERT_TRUE(ready(d, s(20)));
-  EXPECT_EQ(text_of(d.get()), "tok-api-secret-2");
+  EXPECT_EQ(text_of(d.get()), "orv-token-2");
   EXPECT_EQ(server.token_fetches(), 2);
   // A flag set before the call, with a fetch in flight, cancels at once.
   t->resetAccessToken();
@@ -140,7 +140,7 @@ TEST_F(AccessToken, WaitersShareOneFetchAndCancelOnlyTheirOwnWait) {
   bool early = true;
   EXPECT_EQ(fetch(t, &early), "<null> Cancelled");
   server.release_token();
-  EXPECT_EQ(fetch(t), "tok-api-secret-3 <null>");
+  EXPECT_EQ(fetch(t), "orv-token-3 <null>");
 
   std::string log = capture.text();
   EXPECT_EQ(occurrences(log, "[ERROR]-["), 1) << log;
@@ -151,10 +151,10 @@ TEST_F(AccessToken, WaitersShareOneFetchAndCancelOnlyTheirOwnWait) {
   for (const char* line :
        {"][ORVAccessToken.cpp:239]Access token request: grant_type=client_credentials&client_id=api&client_secret=secret\n",
         "][ORVAccessToken.cpp:267]Access token response: x\n",
-        "][ORVAccessToken.cpp:267]Access token response: {\"access_token\": \"tok-api-secret-2\", \"expires_in\": 2592000}\n",
+        "][ORVAccessToken.cpp:267]Access token response: {\"access_token\": \"orv-token-2\", \"expires_in\": 2592000}\n",
         "][ORVAccessToken.cpp:159]get accessToken, skey: secret, apikey: api, accessToken: (null), "
         "lastError: FAILED TO GET ACCESS TOKEN, EMPTY DATA (HTTP STATUS 200)\n",
-        "][ORVAccessToken.cpp:176]get accessToken, skey: secret, apikey: api, accessToken: tok-api-secret-2, "
+        "][ORVAccessToken.cpp:176]get accessToken, skey: secret, apikey: api, accessToken: orv-token-2, "
         "lastError: (null)\n"}) {
     EXPECT_TRUE(has(log, line)) << line << log;
   }

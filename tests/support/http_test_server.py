@@ -9,7 +9,7 @@
 #
 # The certificate is made at start for HOST_NAME and 127.0.0.1.
 
-import argparse, functools, json, os, socket, ssl, struct, subprocess, sys, threading
+import argparse, functools, hashlib, json, os, socket, ssl, struct, subprocess, sys, threading
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from urllib.parse import parse_qs, urlsplit
 
@@ -95,13 +95,15 @@ def serve(handler):
 #   /stream          status ?status= (200), then ?n= chunks of ?size= bytes of
 #                    pattern(), ?interval= ms apart, stalling ?stall= ms before
 #                    chunk ?stall_after=
-#   /upload          records the body under ?id= (bytes, chunks, whether it is
-#                    pattern(), the Transfer- and Content-Encoding headers,
-#                    whether it ended or the client went first); answers ?status=
+#   /upload          records the body under ?id= (bytes, chunks, SHA-256, whether
+#                    it ended or the client went first, the Transfer- and
+#                    Content-Encoding headers, whether it is pattern()); answers
+#                    ?status=
 #   /duplex          sends each chunk of the body back as it arrives, recorded
 #                    as an upload
 #   /upload_result   the record of upload ?id= as a line of text, or "none"
 #   /oauth/2.0/token a client-credentials endpoint: {"access_token": ?token= or
+#                    "orv-token-<fetch number>", or with ?answer=client
 #                    "tok-<client_id>-<client_secret>-<fetch number>"}, or the
 #                    body ?body= with status ?status=. ?delay= s first; ?hold=1
 #                    waits (at most 60 s) for /_release, counted in "held"
@@ -193,7 +195,7 @@ def route_stream(h, query):
 
 def route_upload(h, query, echo=False):
     record = UPLOADS[arg(query, "id", "-")] = {
-        "bytes": 0, "chunks": 0, "pattern": "yes", "state": "running",
+        "bytes": 0, "chunks": 0, "sha": hashlib.sha256(), "pattern": "yes", "state": "running",
         "te": h.headers.get("Transfer-Encoding", "-"), "ce": h.headers.get("Content-Encoding", "-")}
     if echo:
         chunk(h, b"", int(arg(query, "status", "200")))
@@ -206,6 +208,7 @@ def route_upload(h, query, echo=False):
                     record["pattern"] = "no"
                 record["bytes"] += len(data)
                 record["chunks"] += 1
+                record["sha"].update(data)
     except (EOFError, OSError):
         record["state"], h.close_connection = "aborted", True
         return
@@ -214,10 +217,11 @@ def route_upload(h, query, echo=False):
 
 
 def route_upload_result(h, query):
-    r = UPLOADS.get(arg(query, "id", "-"))
-    reply(h, 200, b"none" if not r else (
-        "bytes %(bytes)d chunks %(chunks)d pattern %(pattern)s state %(state)s te %(te)s ce %(ce)s" % r
-    ).encode("latin-1"))
+    with LOCK:
+        r = UPLOADS.get(arg(query, "id", "-"))
+        text = "bytes %d chunks %d sha256 %s state %s te %s ce %s pattern %s" % (
+            r["bytes"], r["chunks"], r["sha"].hexdigest(), r["state"], r["te"], r["ce"], r["pattern"]) if r else "none"
+    reply(h, 200, text.encode("latin-1"))
 
 
 def route_token(h, query):
@@ -228,7 +232,8 @@ def route_token(h, query):
         LOCK.wait_for(lambda: not arg(query, "hold") or STATS["releases"] > generation or STOP.is_set(), 60)
         STATS["held"] -= bool(arg(query, "hold"))
     STOP.wait(float(arg(query, "delay", "0")))
-    token = arg(query, "token") or "tok-%s-%s-%d" % (arg(form, "client_id"), arg(form, "client_secret"), h.number)
+    keys = (arg(form, "client_id"), arg(form, "client_secret"), h.number)
+    token = arg(query, "token") or ("tok-%s-%s-%d" % keys if arg(query, "answer") == "client" else "orv-token-%d" % keys[2])
     answer = json.dumps({"access_token": token, "expires_in": 2592000})
     reply(h, int(arg(query, "status", "200")), arg(query, "body", answer).encode("utf-8"))
 
