@@ -3,8 +3,7 @@
 // (statuses, faults, inactivity time-outs: once, within a bound), and
 // release_instance from other threads and from inside a callback.
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,6 +12,7 @@
 #include "orv/orv.h"
 #include "support/http_test_server.h"
 #include "support/streaming_recorder.h"
+#include "support/thread_test_support.h"
 
 namespace {
 
@@ -238,16 +238,12 @@ TEST_F(Streaming, EveryEndingIsReportedOnceInEveryMode) {
 // release_instance; it finishes afterwards on a task that is still alive.
 TEST_F(Streaming, PostReleaseReturnsWhileACallbackWaitsForIt) {
   struct Blocked {
-    std::mutex mutex;
-    std::condition_variable changed;
-    int calls = 0;
-    bool open = false;
+    std::atomic<int> calls{0};
+    Gate open;
     static void callback(Maker& task, orv_shared_ptr<orv_HttpResponse>&, orv_shared_ptr_base* user) {
       Blocked* b = static_cast<orv_shared_ptr<Blocked>*>(user)->getPTR();
-      std::unique_lock<std::mutex> lock(b->mutex);
       b->calls++;
-      b->changed.notify_all();
-      b->changed.wait_for(lock, std::chrono::seconds(20), [b] { return b->open; });
+      b->open.wait();
       task->cancel();  // the task is still there, whoever dropped it
     }
   };
@@ -256,17 +252,10 @@ TEST_F(Streaming, PostReleaseReturnsWhileACallbackWaitsForIt) {
   send(maker, "ping", false);
   ASSERT_TRUE(wait_until([&] { return has(server.upload_result("blocked"), "bytes 4 "); }));
   send(maker, "pong", false);  // the answer to "ping" is read now
-  ASSERT_TRUE(wait_until([&] {
-    std::lock_guard<std::mutex> lock(blocked->mutex);
-    return blocked->calls == 1;
-  }));
+  ASSERT_TRUE(wait_until([&] { return blocked->calls == 1; }));
   ASSERT_TRUE(release_within(maker, ms(5000)));
   send(maker, "after the release", true);
-  {
-    std::lock_guard<std::mutex> lock(blocked->mutex);
-    blocked->open = true;
-    blocked->changed.notify_all();
-  }
+  blocked->open.open();
   ASSERT_TRUE(dropped_and_gone(maker));
   // No piece was delivered after the cancel, and the body ended there.
   EXPECT_EQ(blocked->calls, 1);

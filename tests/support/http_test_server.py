@@ -22,11 +22,9 @@ SNI = {}  # id of a TLS connection -> the name it asked for
 
 def make_context(directory, name):
     cert, key = os.path.join(directory, name + ".crt"), os.path.join(directory, name + ".key")
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                    "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", key, "-out", cert,
-                    "-days", "2", "-subj", "/CN=" + name,
-                    "-addext", "subjectAltName=DNS:%s,IP:127.0.0.1" % name],
-                   check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                    "-nodes", "-keyout", key, "-out", cert, "-days", "2", "-subj", "/CN=" + name, "-addext",
+                    "subjectAltName=DNS:%s,IP:127.0.0.1" % name], check=True, capture_output=True)
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.load_cert_chain(cert, key)
     return context
@@ -60,19 +58,15 @@ def serve(handler):
     context = make_context(args.cert_dir, HOST_NAME)
     context.sni_callback = lambda tls, name, _: SNI.__setitem__(id(tls), name or "")
     servers = [Server(("127.0.0.1", 0), handler), Server(("127.0.0.1", 0), handler)]
-    pinned = -1
     try:
-        if args.pinned_port > 0:
-            servers.append(Server(("127.0.0.1", args.pinned_port), handler))
-            pinned = args.pinned_port
+        servers += [Server(("127.0.0.1", args.pinned_port), handler)] if args.pinned_port > 0 else []
     except OSError as error:
         sys.stderr.write("cannot listen on port %d: %s\n" % (args.pinned_port, error))
-    for server in servers[1:]:
-        server.context = context
     for server in servers:
+        server.context = context if server is not servers[0] else None
         threading.Thread(target=server.serve_forever, daemon=True).start()
-    ready = "READY http=%d https=%d pinned=%d\n" % (
-        servers[0].server_address[1], servers[1].server_address[1], pinned)
+    ready = "READY http=%d https=%d pinned=%d\n" % (servers[0].server_address[1], servers[1].server_address[1],
+                                                    args.pinned_port if len(servers) > 2 else -1)
     print(ready, end="", flush=True)
     if args.ready_file:
         with open(args.ready_file + ".part", "w") as out:

@@ -26,9 +26,8 @@ namespace orv_test {
 
 typedef orv::Memory::orv_shared_ptr<orv::Networking::orv_http_request_maker> StreamTask;
 
-const int kPostMode = 1;
-const int kUploadMode = 2;
-const int kDownloadMode = 3;
+const int kPostMode = 1, kUploadMode = 2, kDownloadMode = 3;
+const std::chrono::milliseconds kBound(20000);
 
 // Bytes of every value, zero included, in no simple order.
 inline std::string noise(size_t n, uint32_t seed) {
@@ -41,8 +40,7 @@ inline std::string noise(size_t n, uint32_t seed) {
 }
 
 struct Final {
-  int error;
-  int status;
+  int error, status;
   std::string message;
 };
 
@@ -88,15 +86,13 @@ inline void record(StreamTask& task,
 inline void send(StreamTask& task, const std::string& piece, bool last) {
   unsigned char* block = new unsigned char[piece.size() + 1];
   memcpy(block, piece.data(), piece.size());
-  orv::Memory::orv_shared_ptr<unsigned char> data(
-      block, &orv::Memory::orv_shared_ptr<unsigned char>::arrayDestructor);
+  orv::Memory::orv_shared_ptr<unsigned char> data(block, &orv::Memory::orv_shared_ptr<unsigned char>::arrayDestructor);
   task->send_data(data, static_cast<long>(piece.size()), last);
 }
 
 // Runs work on a detached thread and waits at most bound for it: a hang
 // shows as a failure, not as a stuck test (the thread keeps what it uses).
-inline bool within(std::function<bool()> work,
-                   std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
+inline bool within(std::function<bool()> work, std::chrono::milliseconds bound = kBound) {
   auto done = std::make_shared<std::promise<bool>>();
   std::future<bool> result = done->get_future();
   std::thread([work, done] { done->set_value(work()); }).detach();
@@ -105,22 +101,18 @@ inline bool within(std::function<bool()> work,
 
 // The task's serial queue has run everything submitted before (its
 // transfer included) when a no-op queued behind it has run.
-inline bool transfer_finished(StreamTask task,
-                              std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
+inline bool transfer_finished(StreamTask task, std::chrono::milliseconds bound = kBound) {
   auto* impl = static_cast<orv::Networking::orv_HttpTask_impl*>(task.getPTR());
-  return within([task, impl] { return impl->m_managerMain->runTaskSync([](auto*) {}, nullptr); },
-                bound);
+  return within([task, impl] { return impl->m_managerMain->runTaskSync([](auto*) {}, nullptr); }, bound);
 }
 
-inline bool release_within(StreamTask task,
-                           std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
+inline bool release_within(StreamTask task, std::chrono::milliseconds bound = kBound) {
   return within([task] { return task->release_instance(), true; }, bound);
 }
 
 // Drops the caller's pointer and waits until the task is gone: its transfer
 // and every callback have ended, since each holds the task.
-inline bool dropped_and_gone(StreamTask& task,
-                             std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
+inline bool dropped_and_gone(StreamTask& task, std::chrono::milliseconds bound = kBound) {
   orv::Memory::orv_weak_ptr<orv::Networking::orv_http_request_maker> weak(task);
   task.releaseManagedPointer();
   return wait_until([&weak] { return !StreamTask(weak); }, bound);
