@@ -276,7 +276,7 @@ TEST_F(Streaming, ReleaseFromInsideACallbackInEachMode) {
       r->release_returned = true;
     }
   };
-  // Upload: the callback is the end report.
+  // (In upload mode the one callback is the end report.)
   for (const char* path : {"/duplex?id=inside", "/upload?id=inside", "/stream?n=500&size=10&interval=5"}) {
     SCOPED_TRACE(path);
     int mode = path[1] == 'd' ? kPost : path[1] == 'u' ? kUpload : kDownload;
