@@ -1,17 +1,16 @@
-// Loopback HTTP/HTTPS server for tests and benchmarks: starts
-// tests/support/http_test_server.py (see its header for the endpoints) on
-// ports the system picks, waits (bounded) for it to listen, and ends it.
+// The loopback HTTP/HTTPS server of tests and benchmarks: starts
+// tests/support/http_test_server.py (its header lists the routes) on ports the
+// system picks, waits (bounded) until it listens, and ends it by closing its
+// standard input. Free of GoogleTest, so that benchmarks can use it too.
 //
-// With want_pinned, the server also serves HTTPS on 127.0.0.1:443 under
-// kPinnedHost, a name that is in no hosts file and is never looked up:
-// clients reach it only through a pinned address. Binding port 443 needs
-// privileges; pinned_port() is -1 when that failed.
-//
-// Free of GoogleTest, so that benchmarks can use it too.
+// With want_pinned the server also serves HTTPS on 127.0.0.1:443 for
+// kPinnedHost, a name in no hosts file that is never looked up: clients reach
+// it only through a pinned address. Binding port 443 needs privileges;
+// pinned_port() is -1 when that failed.
 #ifndef ORV_TESTS_SUPPORT_HTTP_TEST_SERVER_H
 #define ORV_TESTS_SUPPORT_HTTP_TEST_SERVER_H
 
-#include <sys/types.h>
+#include <stdio.h>
 
 #include <string>
 
@@ -22,61 +21,47 @@ namespace orv_test {
 
 class HttpTestServer {
  public:
-  // The name the server's certificate is made for.
-  static const char* const kPinnedHost;
-  // Asked for by SNI, this name is served a certificate of an unrelated name.
-  static const char* const kMismatchHost;
+  // The name of the server's certificate.
+  static constexpr const char* kPinnedHost = "speech.orv-pinned.example";
 
-  HttpTestServer();
-  ~HttpTestServer();
-
-  // Starts the server; false (with error()) when it did not come up within
-  // the bound.
+  ~HttpTestServer() { stop(); }
+  // False (with error()) when the server did not come up within the bound.
   bool start(bool want_pinned = false);
-  // Ends the server and waits for it. Also done by the destructor.
   void stop();
 
-  int http_port() const { return http_port_; }
-  int https_port() const { return https_port_; }
-  int pinned_port() const { return pinned_port_; }
+  int http_port() const { return ports_[0]; }
+  int https_port() const { return ports_[1]; }
+  int pinned_port() const { return ports_[2]; }
   const std::string& error() const { return error_; }
+  std::string http_url(const std::string& path) const { return url("http", ports_[0], path); }
+  std::string https_url(const std::string& path) const { return url("https", ports_[1], path); }
 
-  // "http://127.0.0.1:<port>" + path, and the same for https.
-  std::string http_url(const std::string& path) const;
-  std::string https_url(const std::string& path) const;
-
-  // The body of a GET of path on the plain port, fetched over a plain socket
-  // (not through liborv); "" on failure.
+  // The body of a GET of path on the plain port, made with libcurl directly
+  // (not through liborv, and logging nothing); "" on failure.
   std::string fetch(const std::string& path) const;
-  // The /_stats text.
-  std::string stats() const;
-  // The /upload record of id ("none" before the upload began).
-  std::string upload_result(const std::string& id) const;
-  // Requests seen on path so far (all listeners together).
-  int count(const std::string& path) const;
-  // Whether some TLS client asked for name by SNI.
-  bool saw_sni(const std::string& name) const;
+  // A number of /_stats: "count <path>", "held" (token requests waiting for
+  // release_token()); 0 when absent.
+  int stat(const std::string& key) const;
+  int count(const std::string& path) const { return stat("count " + path); }
+  // The record of /upload?id=id ("none" before the upload began).
+  std::string upload_result(const std::string& id) const { return fetch("/upload_result?id=" + id); }
 
-  // The client-credentials token endpoint: http_url("/oauth/2.0/token") with
-  // "?" + query when query is not empty (answer=, token=, description=, body=,
-  // status=, delay=, hold=1, client_id=, client_secret=; see the script).
-  std::string token_url(const std::string& query = std::string()) const;
-  // Token requests seen so far.
-  int token_fetches() const;
-  // Token requests now waiting for release_token() (hold=1).
-  int token_held() const;
+  // The token endpoint, with "?" + query when query is not empty.
+  std::string token_url(const std::string& query = "") const {
+    return http_url("/oauth/2.0/token") + (query.empty() ? "" : "?" + query);
+  }
+  int token_fetches() const { return count("/oauth/2.0/token"); }
   // Lets every held token request answer.
-  void release_token() const;
-  // The form body of the last token request.
-  std::string last_token_form() const;
+  void release_token() const { fetch("/_release"); }
+
+  static std::string url(const std::string& scheme, int port, const std::string& path) {
+    return scheme + "://127.0.0.1:" + std::to_string(port) + path;
+  }
 
  private:
   TempDir dir_;
-  pid_t pid_;
-  int stdin_fd_;
-  int http_port_;
-  int https_port_;
-  int pinned_port_;
+  FILE* stdin_ = nullptr;
+  int ports_[3] = {-1, -1, -1};
   std::string error_;
 };
 
@@ -85,21 +70,15 @@ inline std::string body_of(const orv::Memory::orv_shared_ptr<orv::Networking::or
   return std::string(r->_data.getPTR(), r->_length - 1);
 }
 
-// A loopback port that refuses connections: bound, never listening, so no
-// other process gets it while the object lives.
-// The bytes the /stream endpoint sends for a total of n bytes.
+// The bytes of the server's /body?n= and /stream routes, n of them.
 std::string stream_pattern(size_t n);
 
-class RefusedPort {
- public:
-  RefusedPort();
-  ~RefusedPort();
-  int port() const { return port_; }
+// How often part occurs in text.
+int occurrences(const std::string& text, const std::string& part);
 
- private:
-  int fd_;
-  int port_;
-};
+// A loopback URL whose port refuses connections: bound, never listening, so
+// no other process gets it (the socket stays open until the process ends).
+std::string refused_url(const std::string& path);
 
 }  // namespace orv_test
 

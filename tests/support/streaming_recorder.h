@@ -26,9 +26,8 @@ namespace orv_test {
 
 typedef orv::Memory::orv_shared_ptr<orv::Networking::orv_http_request_maker> StreamTask;
 
-const int kPostMode = 1;
-const int kUploadMode = 2;
-const int kDownloadMode = 3;
+const int kPostMode = 1, kUploadMode = 2, kDownloadMode = 3;
+const std::chrono::milliseconds kBound(20000);
 
 // Bytes of every value, zero included, in no simple order.
 inline std::string noise(size_t n, uint32_t seed) {
@@ -41,8 +40,7 @@ inline std::string noise(size_t n, uint32_t seed) {
 }
 
 struct Final {
-  int error;
-  int status;
+  int error, status;
   std::string message;
 };
 
@@ -56,24 +54,17 @@ struct Recorder {
   std::atomic<bool> released{false};
   std::atomic<bool> release_returned{false};
   std::atomic<int> late_calls{0};
-  const void* self_seen = nullptr;  // not held: the task must be free to go
+  const void* task_seen = nullptr;  // not held: the task must be free to go
 
-  std::string received() {
+  template <class T>
+  T locked(const T& field) {
     std::lock_guard<std::mutex> lock(mutex);
-    return data;
+    return field;
   }
-  size_t received_size() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return data.size();
-  }
-  int piece_count() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return pieces;
-  }
-  std::vector<Final> ends() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return finals;
-  }
+  std::string received() { return locked(data); }
+  size_t received_size() { return received().size(); }
+  int piece_count() { return locked(pieces); }
+  std::vector<Final> ends() { return locked(finals); }
 };
 
 // The result callback; its user data is an orv_shared_ptr<Recorder>*.
@@ -83,7 +74,7 @@ inline void record(StreamTask& task,
   Recorder* r = static_cast<orv::Memory::orv_shared_ptr<Recorder>*>(user)->getPTR();
   if (r->released.load()) r->late_calls++;
   std::lock_guard<std::mutex> lock(r->mutex);
-  if (r->self_seen == nullptr) r->self_seen = task.getPTR();
+  r->task_seen = task.getPTR();
   if (response->_length > 1) {
     r->data.append(response->_data.getPTR(), response->_length - 1);
     r->pieces++;
@@ -95,14 +86,13 @@ inline void record(StreamTask& task,
 inline void send(StreamTask& task, const std::string& piece, bool last) {
   unsigned char* block = new unsigned char[piece.size() + 1];
   memcpy(block, piece.data(), piece.size());
-  orv::Memory::orv_shared_ptr<unsigned char> data(
-      block, &orv::Memory::orv_shared_ptr<unsigned char>::arrayDestructor);
+  orv::Memory::orv_shared_ptr<unsigned char> data(block, &orv::Memory::orv_shared_ptr<unsigned char>::arrayDestructor);
   task->send_data(data, static_cast<long>(piece.size()), last);
 }
 
 // Runs work on a detached thread and waits at most bound for it: a hang
 // shows as a failure, not as a stuck test (the thread keeps what it uses).
-inline bool within(std::function<bool()> work, std::chrono::milliseconds bound) {
+inline bool within(std::function<bool()> work, std::chrono::milliseconds bound = kBound) {
   auto done = std::make_shared<std::promise<bool>>();
   std::future<bool> result = done->get_future();
   std::thread([work, done] { done->set_value(work()); }).detach();
@@ -111,30 +101,18 @@ inline bool within(std::function<bool()> work, std::chrono::milliseconds bound) 
 
 // The task's serial queue has run everything submitted before (its
 // transfer included) when a no-op queued behind it has run.
-inline bool transfer_finished(StreamTask task,
-                              std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
-  return within(
-      [task] {
-        auto* impl = static_cast<orv::Networking::orv_HttpTask_impl*>(task.getPTR());
-        return impl->m_managerMain->runTaskSync([](orv::Memory::orv_shared_ptr_base*) {}, nullptr);
-      },
-      bound);
+inline bool transfer_finished(StreamTask task, std::chrono::milliseconds bound = kBound) {
+  auto* impl = static_cast<orv::Networking::orv_HttpTask_impl*>(task.getPTR());
+  return within([task, impl] { return impl->m_managerMain->runTaskSync([](auto*) {}, nullptr); }, bound);
 }
 
-inline bool release_within(StreamTask task,
-                           std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
-  return within(
-      [task] {
-        task->release_instance();
-        return true;
-      },
-      bound);
+inline bool release_within(StreamTask task, std::chrono::milliseconds bound = kBound) {
+  return within([task] { return task->release_instance(), true; }, bound);
 }
 
 // Drops the caller's pointer and waits until the task is gone: its transfer
 // and every callback have ended, since each holds the task.
-inline bool dropped_and_gone(StreamTask& task,
-                             std::chrono::milliseconds bound = std::chrono::milliseconds(20000)) {
+inline bool dropped_and_gone(StreamTask& task, std::chrono::milliseconds bound = kBound) {
   orv::Memory::orv_weak_ptr<orv::Networking::orv_http_request_maker> weak(task);
   task.releaseManagedPointer();
   return wait_until([&weak] { return !StreamTask(weak); }, bound);
