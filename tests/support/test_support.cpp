@@ -1,7 +1,5 @@
 #include "support/test_support.h"
 
-#include <fcntl.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -11,14 +9,14 @@
 #include <stdexcept>
 #include <thread>
 
+#include "support/thread_test_support.h"
+
 namespace orv_test {
 
 TempDir::TempDir() {
   const char* base = getenv("TMPDIR");
-  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
-                        "/orv_test_XXXXXX";
-  if (mkdtemp(&pattern[0]) == nullptr) throw std::runtime_error("mkdtemp failed");
-  path_ = pattern;
+  path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/orv_test_XXXXXX";
+  if (mkdtemp(&path_[0]) == nullptr) throw std::runtime_error("mkdtemp failed");
 }
 
 TempDir::~TempDir() {
@@ -26,53 +24,47 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-std::string TempDir::file(const std::string& name) const { return path_ + "/" + name; }
-
-StderrCapture::StderrCapture() : saved_fd_(-1), done_(false) {
-  char name[] = "/tmp/orv_stderr_XXXXXX";
-  int fd = mkstemp(name);
+StderrCapture::StderrCapture() : saved_fd_(-1), file_("/tmp/orv_stderr_XXXXXX") {
+  int fd = mkstemp(&file_[0]);
   if (fd < 0) throw std::runtime_error("mkstemp failed");
-  file_ = name;
   fflush(stderr);
   saved_fd_ = dup(2);
   dup2(fd, 2);
   close(fd);
 }
 
-StderrCapture::~StderrCapture() { restore(); }
-
-void StderrCapture::restore() {
-  if (done_) return;
-  done_ = true;
-  fflush(stderr);
-  dup2(saved_fd_, 2);
-  close(saved_fd_);
-  captured_ = read_file(file_);
-  unlink(file_.c_str());
-}
-
 std::string StderrCapture::text() {
-  restore();
+  if (saved_fd_ >= 0) {
+    fflush(stderr);
+    dup2(saved_fd_, 2);
+    close(saved_fd_);
+    saved_fd_ = -1;
+    captured_ = read_file(file_);
+    unlink(file_.c_str());
+  }
   return captured_;
 }
 
 std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream out;
-  out << in.rdbuf();
+  out << std::ifstream(path, std::ios::binary).rdbuf();
   return out.str();
 }
 
 void write_file(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
 int thread_count() {
   int count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) count += entry.exists();
+  return count;
+}
+
+int count_threads_named(const std::string& name) {
+  int count = 0;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-    (void)entry;
-    ++count;
+    count += thread_name(std::stol(entry.path().filename())) == name;
   }
   return count;
 }

@@ -1,5 +1,6 @@
-// Helpers shared by the test suite: temporary folders, standard-error
-// capture, and bounded waits.
+// Helpers shared by the test programs, the stress program and the
+// benchmarks: temporary folders, standard-error capture, files, bounded
+// waits, and what tests need to know about the machine.
 #ifndef ORV_TESTS_SUPPORT_TEST_SUPPORT_H
 #define ORV_TESTS_SUPPORT_TEST_SUPPORT_H
 
@@ -15,49 +16,36 @@ class TempDir {
   TempDir();
   ~TempDir();
   const std::string& path() const { return path_; }
-  // path() + "/" + name
-  std::string file(const std::string& name) const;
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
 
  private:
   std::string path_;
 };
 
-// Redirects file descriptor 2 into a temporary file until text() or the
-// destructor.
+// Redirects file descriptor 2 into a temporary file until text() (whose
+// first call stops the capture) or the destructor.
 class StderrCapture {
  public:
   StderrCapture();
-  ~StderrCapture();
-  // Stops capturing (first call) and returns everything written meanwhile.
+  ~StderrCapture() { text(); }
   std::string text();
 
  private:
-  void restore();
   int saved_fd_;
-  std::string file_;
-  std::string captured_;
-  bool done_;
+  std::string file_, captured_;
 };
 
-inline bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
+inline bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
-
-// Threads of this process (from /proc/self/task).
-int thread_count();
+int thread_count();  // threads of this process
 
 // Polls predicate until it is true or timeout passes; returns its last value.
-bool wait_until(const std::function<bool()>& predicate,
-                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+bool wait_until(const std::function<bool()>& predicate, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
-// True when the test programs run under qemu user-mode emulation (the armhf
-// test preset sets ORV_TEST_EMULATION). There a test program cannot exec an
-// ARM program, itself included, because the host has no binfmt handler for
-// them: such tests adapt (death tests fork without re-executing) or skip with
-// GTEST_SKIP() naming the reason.
+// True under qemu user-mode emulation (the armhf test preset sets
+// ORV_TEST_EMULATION), where a test program cannot exec an ARM program,
+// itself included: death tests fork without re-executing, others skip.
 bool under_user_emulation();
 
 // The condition word of a timer class's thread state (Timer, RefreshTimer):
