@@ -19,7 +19,7 @@ rm -rf --one-file-system "$work"
 trap 'rm -rf --one-file-system "$work"' EXIT
 cp -a "$base" "$work"
 mkdir "$work/orv"
-cp "$rt" "$dev" "$source/tests/support/http_test_server.py" "$work/orv/"
+cp "$rt" "$dev" "$work/orv/"
 cp -r "$source/tests/install" "$source/examples" "$work/orv/"
 in_root() { chroot "$work" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 "$@"; }
 # apt in a network namespace of its own: it can take nothing but the cache.
@@ -36,9 +36,7 @@ install $tools
   fail "the package's version is not orv.pc's"
 
 in_root sh -c 'g++ -std=c++17 -I/orv -DORV_DEMO_MODULE_DIR=\"/orv/modules/\" \
-  -DORV_DEMO_SERVER_SCRIPT=\"/orv/http_test_server.py\" /orv/examples/host/orv_demo.cpp \
+  -DORV_DEMO_SERVER_SCRIPT=\"/orv/examples/service/speech_service.py\" /orv/examples/host/orv_demo.cpp \
   $(pkg-config --cflags --libs orv libcurl libcrypto) -o /orv/orv-demo'
-in_root cmake -DORV_PREFIX=/usr -DORV_CONSUMER_SOURCE=/orv/install/consumer -DORV_WORK_DIR=/tmp/consumers \
-  -DORV_CXX=g++ -P /orv/install/check_install.cmake
-in_root cmake -DORV_PREFIX=/usr -DORV_MODULE_SOURCE=/orv/examples/modules/echo -DORV_WORK_DIR=/tmp/module \
-  -DORV_CXX=g++ -DORV_NM=nm -DORV_DEMO=/orv/orv-demo -P /orv/install/check_module.cmake
+in_root cmake -DORV_PREFIX=/usr -DORV_SOURCE_DIR=/orv -DORV_CONSUMER_SOURCE=/orv/install/consumer \
+  -DORV_WORK_DIR=/tmp/consumers -DORV_CXX=g++ -DORV_DEMO=/orv/orv-demo -P /orv/install/check_install.cmake
