@@ -392,32 +392,25 @@ TEST(Pool, PendingTasksStopAndLogLines) {
   stuck.gate.open();  // its thread now blocks for good; left to the process exit
 }
 
-// Six long tasks on a queue of three start in submission order as slots free
-// up; stop lets the backlog drain and takes nothing new; queued tasks keep
-// the queue alive.
+// Six long tasks on a queue of three: the backlog starts in submission order
+// as slots free up, and still drains after stop, which takes nothing new;
+// queued tasks keep the queue alive.
 TEST(Queues, BacklogOrderStopAndLifetime) {
   orv_shared_ptr<DispatchQueue> queue = DispatchQueue::alloc(3);
   orv_weak_ptr<DispatchQueue> weak(queue);
-  Gate gates[6];
-  std::mutex mutex;
-  std::vector<int> started;
-  auto count = [&] { std::lock_guard<std::mutex> lock(mutex); return started.size(); };
-  for (int i = 0; i < 6; ++i) {
-    queue->runTaskAsync(raw_closure([&, i] { { std::lock_guard<std::mutex> lock(mutex); started.push_back(i); } gates[i].wait(); }), "orv-q");
-  }
-  for (int i = 0; i < 3; ++i) {
-    ASSERT_TRUE(wait_until([&] { return count() == static_cast<size_t>(i + 3); }));
-    gates[i].open();
-  }
-  ASSERT_TRUE(wait_until([&] { return count() == 6; }));
-  EXPECT_EQ(std::vector<int>(started.begin() + 3, started.end()), (std::vector<int>{3, 4, 5}));
+  Blocker tasks[6];
+  for (Blocker& b : tasks) queue->runTaskAsync(raw_closure(b.body()), "orv-q");
+  ASSERT_TRUE(tasks[2].started());
   queue->stopQueue();
   orv_shared_ptr<Tracked> object(new Tracked(0));
   EXPECT_TRUE(!queue->runTaskAsync(raw_closure([] {}), nullptr) && !queue->runTaskSync(&add_one, &object));
   queue.releaseManagedPointer();
-  EXPECT_TRUE(static_cast<bool>(orv_shared_ptr<DispatchQueue>(weak)));
-  for (Gate& g : gates) g.open();
-  EXPECT_TRUE(wait_until([&] { return !orv_shared_ptr<DispatchQueue>(weak); }));
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_TRUE(i >= 3 || !tasks[i + 3].running) << i;
+    ASSERT_TRUE(tasks[i].started());
+    tasks[i].gate.open();
+  }
+  EXPECT_TRUE(wait_until([&] { return !orv_shared_ptr<DispatchQueue>(weak); }) && tasks[5].finished);
   queue = DispatchQueue::alloc(1);
   queue->stopQueue_sync();  // idle: at once
   EXPECT_EQ(queue->_state_condition->_condition, 2);
