@@ -239,7 +239,7 @@ TEST(Utility, ExactValuesAndBadArguments) {
   for (int h : {-32768, -1, 0, 7, 32767}) {
     for (int l : {-32768, -1, 1, 32767}) {
       decode_error(encode_error(static_cast<short>(h), static_cast<short>(l)), high, low);
-      EXPECT_EQ(high * 100000 + low, h * 100000 + l);
+      EXPECT_EQ(std::make_pair(high, low), std::make_pair(static_cast<short>(h), static_cast<short>(l)));
     }
   }
   EXPECT_EQ(encode_error(1, -1), 0x0001FFFF);

@@ -226,6 +226,7 @@ TEST(Executors, CancelDropsTheBacklogAndRefusesMore) {
       for (Blocker& b : blockers) b.gate.open();
       canceller.join();
       EXPECT_TRUE(!e.submit_param(object) && object->value == 0 && (!sync || blockers[0].finished));
+      for (Blocker& b : blockers) ASSERT_TRUE(!b.running || wait_until([&] { return b.finished.load(); }));
     }
   }
 }
