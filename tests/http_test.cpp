@@ -1,7 +1,7 @@
-// One-shot HTTP: the request and response objects, the request maker's URL
-// helpers, execute against the loopback server (shapes, outcomes and faults,
-// each with its bound and its log lines), HTTPS and address pinning; the
-// address resolver; the OpenSSL lock callbacks.
+// One-shot HTTP: the request and response objects and the URL helpers,
+// execute against the loopback server (shapes, outcomes and faults, each with
+// its bound and its log lines) and address pinning; the address resolver; the
+// OpenSSL lock callbacks.
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netdb.h>
@@ -14,9 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,9 +39,9 @@ Request make(const std::string& url, const std::string& body = "", int timeout_m
   r->_timeout_ms = timeout_ms;
   r->_origin_URL = origin;
   r->_headers = {{"X-Zeta", "last"}, {"Content-Type", "application/json"}, {"X-Alpha", "first"}};
-  unsigned char* block = new unsigned char[body.size() + 1];
-  memcpy(block, body.data(), body.size());
-  r->_post_data = orv_shared_ptr<unsigned char>(block, &orv_shared_ptr<unsigned char>::arrayDestructor);
+  r->_post_data = orv_shared_ptr<unsigned char>(new unsigned char[body.size() + 1],
+                                                &orv_shared_ptr<unsigned char>::arrayDestructor);
+  memcpy(r->_post_data.getPTR(), body.data(), body.size());
   r->_post_data_len = static_cast<int32_t>(body.size());
   return r;
 }
@@ -57,7 +55,7 @@ void on_cancel(orv::Memory::orv_shared_ptr_base* copy) {
              ((*g_request)->isCancelled() ? " cancelled;" : ";");
 }
 
-TEST(HttpObjects, ResponseGrowsByWhatCameAndCancelCallsBackOutsideTheLock) {
+TEST(HttpObjects, ResponseGrowthCancelCallbackAndUrlHelpers) {
   orv::set_log_level(orv::LOG_ERROR);
   orv_shared_ptr<orv_HttpResponse> r = orv_HttpResponse::alloc();
   StderrCapture capture;
@@ -68,9 +66,13 @@ TEST(HttpObjects, ResponseGrowsByWhatCameAndCancelCallsBackOutsideTheLock) {
   r->_error_code = 2;  // from here on nothing is kept, nor logged
   r->receive_new_data("zz", 2);
   r->receive_new_data(nullptr, 0);
+  EXPECT_FALSE(Maker::execute(Request()) || Maker::execute(orv_HttpRequest::requestWithUrl(orv_shared_ptr<char>())) ||
+               Maker::execute(make("")));
   std::string log = capture.text();
-  EXPECT_EQ(log.rfind("[ERROR]-[", 0), 0u) << log;
+  EXPECT_EQ(occurrences(log, "[ERROR]-["), 5);
   EXPECT_EQ(occurrences(log, "][orv_HttpResponse.cpp:33][ASRResponse::receive_new_data] data is NULL or len is 0\n"), 2);
+  EXPECT_EQ(occurrences(log, "][orv_HttpRequestMaker.cpp:100][ASRHttpTask::execute] request is NULL\n"), 1);
+  EXPECT_EQ(occurrences(log, "][orv_HttpRequestMaker.cpp:106][ASRHttpTask::execute] URL is NULL or empty\n"), 2);
   EXPECT_EQ(std::string(r->_data.getPTR(), r->_length), std::string("ab\0x", 5));  // NUL-ended
   EXPECT_EQ(r->_http_status, 200);
 
@@ -86,33 +88,17 @@ TEST(HttpObjects, ResponseGrowsByWhatCameAndCancelCallsBackOutsideTheLock) {
   request->cancel();
   request->cancel();
   EXPECT_EQ(g_calls, "3 free cancelled;3 free cancelled;");  // a fresh copy beside the request's and ours
-  EXPECT_EQ(strong_count(param), 2);
   request = Request();
   EXPECT_EQ(strong_count(param), 1);
-}
 
-TEST(HttpMaker, UrlHelpersAndMissingRequests) {
-  char ip[] = "https://10.1.2.3:8443/v1/asr?x=1", no_path[] = "https://10.1.2.3", bare[] = "10.1.2.3/a";
-  EXPECT_EQ(Maker::get_host_from_url("https://name:8443/path") + "|" + Maker::get_host_from_url("https://name") +
-                "|" + Maker::get_host_from_url("//name/x"), "name:8443||");
-  // The pinned port is 443 whatever the URLs say.
+  // The pinned port is 443 whatever the URLs say; without a path after the
+  // host a URL has no host here.
+  char ip[] = "https://10.1.2.3:8443/v1/asr?x=1", no_path[] = "https://10.1.2.3";
   EXPECT_EQ(Maker::get_resolve_dns_map("https://speech.example/v1", ip), "speech.example:443:10.1.2.3:8443");
   EXPECT_EQ(Maker::get_resolve_dns_map("https://speech.example", ip) +
-                Maker::get_resolve_dns_map("https://speech.example/v1", no_path) +
-                Maker::get_resolve_dns_map("https://speech.example/v1", nullptr), "");
+                Maker::get_resolve_dns_map("https://speech.example/v1", no_path), "");
   EXPECT_EQ(Maker::get_host_url("https://speech.example/v1", ip), "https://speech.example/v1/asr?x=1");
   EXPECT_EQ(Maker::get_host_url("https://speech.example/", no_path), no_path);
-  EXPECT_EQ(Maker::get_host_url("https://speech.example/", bare), bare);
-
-  orv::set_log_level(orv::LOG_ERROR);
-  StderrCapture capture;
-  EXPECT_FALSE(Maker::execute(Request()) || Maker::execute(make("")) ||
-               Maker::execute(orv_HttpRequest::requestWithUrl(orv_shared_ptr<char>())));
-  Maker::network_connect(Request());
-  Maker::network_connect(make(""));
-  std::string log = capture.text();
-  EXPECT_EQ(occurrences(log, "][orv_HttpRequestMaker.cpp:100][ASRHttpTask::execute] request is NULL\n"), 1);
-  EXPECT_EQ(occurrences(log, "][orv_HttpRequestMaker.cpp:106][ASRHttpTask::execute] URL is NULL or empty\n"), 2);
 }
 
 // Each request carries the headers X-Zeta, Content-Type and X-Alpha, and the
@@ -123,56 +109,46 @@ TEST(Execute, ShapesOutcomesAndFaults) {
   HttpTestServer server;
   ASSERT_TRUE(server.start()) << server.error();
   orv::set_log_level(orv::LOG_DEBUG);
-  const std::string pattern = stream_pattern(300000), h = server.http_url(""), big(40, 'v');
+  const std::string h = server.http_url(""), pattern = stream_pattern(300000);
   const std::string http_host = "\"host\":\"127.0.0.1:" + std::to_string(server.http_port()) + "\"";
   const std::string https_host = "\"host\":\"127.0.0.1:" + std::to_string(server.https_port()) + "\"";
   enum { kNone, kBefore, kWhileWaiting };
-  enum { kExact, kPrefix, kAny };
   const struct {
     std::string url, post;
-    int timeout_ms, cancel, status, error, match;
-    std::string body;
+    int timeout_ms, cancel;
+    std::string outcome;              // "<status> <error> <body>", or "*" for any
     std::vector<std::string> seen;  // in the body, the headers ("[name]=[value]") or the log; "!": not
   } cases[] = {
-      {h + "/body?body=hi", "", -1, kNone, 200, 0, kExact, "hi",
+      {h + "/body?body=hi", "", -1, kNone, "200 0 hi",
        {"[DEBUG]-[", "][orv_HttpRequestMaker.cpp:121][ASRHttpTask::execute] url = " + h + "/body?body=hi\n",
         "][orv_HttpRequestMaker.cpp:167][ASRHttpTask::execute][curl_code=0, http_stauts=200, response_len=2] "
-        "receive response: hi\n", "!curl error!", "!HTTP/1.1"}},
-      {h + "/body?h=X-Tab:%09%20tab&h=X-Dup:%20one&h=X-Dup:two&h=X-Colon:%20a:b%20&h=X-Empty:", "", -1, kNone,
-       200, 0, kExact, "", {"[X-Tab]=[tab]", "[X-Dup]=[two]", "[X-Colon]=[a:b ]", "[X-Empty]=[]",
-                            "[Server]=[orv-test ]", "[Content-Length]=[0]"}},
-      {h + "/body?status=302&h=Location:%20/echo", "", -1, kNone, 302, 0, kExact, "", {}},  // not followed
-      {h + "/body?n=300000", "", -1, kNone, 200, 0, kExact, pattern, {}},
+        "receive response: hi\n", "!curl error!", "[Content-Length]=[2]"}},
+      {h + "/body?status=404&n=300000", "", -1, kNone, "404 0 " + pattern, {}},
       // The map's headers in key order (the Content-Type replaces libcurl's), no Expect.
-      {h + "/echo", std::string("a=1\0&b", 6), -1, kNone, 200, 0, kAny, "",
+      {h + "/echo", std::string("a=1\0&b", 6), -1, kNone, "*",
        {"\"method\":\"POST\"", "\"body\":\"a=1\\u0000&b\"", "!Expect", "!x-www-form-urlencoded",
         "\"Content-Type: application/json\",\"X-Alpha: first\",\"X-Zeta: last\""}},
-      {h + "/echo", "", -1, kNone, 200, 0, kAny, "", {"\"method\":\"GET\"", "\"body\":\"\""}},  // no body: a GET
+      {h + "/echo", "", -1, kNone, "*", {"\"method\":\"GET\"", "\"body\":\"\""}},  // no body: a GET
       // Only a URL starting with https:// is secure; with an origin whose host has
       // no path there is no resolve entry: the URL is requested unchanged.
-      {server.https_url("/echo"), "", -1, kNone, 200, 0, kAny, "", {"\"tls\":true", https_host}},
-      {server.https_url("/echo?o=https://localhost"), "", -1, kNone, 200, 0, kAny, "", {"\"tls\":true", https_host}},
-      {h + "/echo?o=https://localhost/echo&next=https://x/y", "", -1, kNone, 200, 0, kAny, "",
-       {"\"tls\":false", http_host}},
-      {refused_url("/"), "", -1, kNone, 200, 0, kExact, "",
+      {server.https_url("/echo?o=https://localhost"), "", -1, kNone, "*", {https_host}},
+      {h + "/echo?o=https://localhost/echo&next=https://x/y", "", -1, kNone, "*", {http_host}},
+      {"http://127.0.0.1:1/", "", -1, kNone, "200 0 ",
        {"[ERROR]-[", "[curl_code=7, http_stauts=0, response_len=0] receive response: \n",
         "][orv_HttpRequestMaker.cpp:175][ASRHttpTask::execute][curl_code=7] curl error!\n"}},
-      {h + "/fault/reset", "", 5000, kNone, 200, 0, kExact, "", {"curl error!"}},
-      {h + "/fault/garbage", "", 5000, kNone, 200, 0, kExact, "", {"curl error!"}},
-      {h + "/fault/stall?delay=20", "", 700, kNone, 200, 0, kExact, "", {"[curl_code=28] curl error!"}},
-      {h + "/stream?n=200&size=1&interval=20", "", 800, kNone, 200, 0, kPrefix, pattern.substr(0, 200),
-       {"[curl_code=28] curl error!"}},
-      {h + "/body?n=100&length=1000", "", 5000, kNone, 200, 0, kExact, pattern.substr(0, 100),
+      {h + "/fault/reset", "", 5000, kNone, "200 0 ", {"curl error!"}},
+      {h + "/fault/garbage", "", 5000, kNone, "200 0 ", {"curl error!"}},
+      {h + "/fault/stall?delay=20", "", 700, kNone, "200 0 ", {"[curl_code=28] curl error!"}},
+      {h + "/body?n=100&length=1000", "", 5000, kNone, "200 0 " + pattern.substr(0, 100),
        {"[curl_code=18] curl error!"}},
-      {h + "/fault/huge?count=100", "", 10000, kNone, 200, 0, kExact, "big", {"[X-Big-99]=[" + big + "]"}},
-      {h + "/fault/huge?count=1&size=1000000", "", 10000, kNone, 200, 0, kExact, "", {"curl error!", "![X-Big"}},
-      {h + "/fault/reset?after=65536", std::string(4 << 20, 'u'), 10000, kNone, 200, 0, kExact, "",
+      {h + "/fault/huge?count=1&size=1000000", "", 10000, kNone, "200 0 ", {"curl error!", "![X-Big"}},
+      {h + "/fault/reset?after=65536", std::string(4 << 20, 'u'), 10000, kNone, "200 0 ",
        {"curl error!"}},  // the server dies mid-upload
       // Whether the 503 status line came before the cancel or not, the status stays 200.
-      {h + "/stream?status=503&stall_after=0&stall=60000", "", 15000, kWhileWaiting, 200, 2, kExact, "",
+      {h + "/stream?status=503&stall_after=0&stall=60000", "", 15000, kWhileWaiting, "200 2 ",
        {"][orv_HttpRequestMaker.cpp:172][ASRHttpTask::execute] curl is aborted by call back\n",
         "[curl_code=42, ", "!curl error!"}},
-      {h + "/echo", "", -1, kBefore, 200, 2, kExact, "", {"curl is aborted by call back"}},
+      {h + "/echo", "", -1, kBefore, "200 2 ", {"curl is aborted by call back"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.url);
@@ -190,25 +166,14 @@ TEST(Execute, ShapesOutcomesAndFaults) {
     orv_shared_ptr<orv_HttpResponse> r = Maker::execute(request);
     EXPECT_LT(std::chrono::steady_clock::now() - start, ms(std::max(c.timeout_ms, 0) + 10000));
     canceller.join();
-    std::string body = body_of(r), seen = body + capture.text();
+    std::string outcome = std::to_string(r->_http_status) + " " + std::to_string(r->_error_code) + " " + body_of(r);
+    std::string seen = body_of(r) + capture.text();
     for (const auto& header : r->_headers) seen += "[" + header.first + "]=[" + header.second + "]";
-    EXPECT_EQ(r->_http_status, c.status);
-    EXPECT_EQ(r->_error_code, c.error);
-    EXPECT_TRUE(c.match == kAny || (c.match == kExact ? body == c.body
-                                    : body.size() < c.body.size() && body == c.body.substr(0, body.size())))
-        << body.size();
+    EXPECT_TRUE(c.outcome == "*" || outcome == c.outcome) << outcome.substr(0, 100);
     for (const std::string& part : c.seen) {
       EXPECT_NE(has(seen, part[0] == '!' ? part.substr(1) : part), part[0] == '!') << part << "\n" << seen;
     }
   }
-
-  orv::set_log_level(orv::LOG_TRACE);
-  int before = server.count("/echo");
-  StderrCapture capture;
-  Maker::network_connect(make(server.http_url("/echo")));
-  Maker::network_connect(make(server.https_url("/echo")));
-  EXPECT_EQ(capture.text(), "");
-  EXPECT_EQ(server.count("/echo"), before + 2);
 }
 
 TEST(Execute, PinnedRequestGoesByNameToTheAddressAndTheNameIsChecked) {
@@ -224,9 +189,11 @@ TEST(Execute, PinnedRequestGoesByNameToTheAddressAndTheNameIsChecked) {
     StderrCapture capture;
     std::string echo = body_of(Maker::execute(request)), log = capture.text();
     if (name == HttpTestServer::kPinnedHost) {  // by name, only through the pinned address
-      EXPECT_TRUE(has(echo, "\"host\":\"" + name + "\"") && has(echo, "\"sni\":\"" + name + "\"") &&
-                  has(echo, "\"path\":\"/echo?q=1\"")) << echo;
-      Maker::network_connect(request);
+      EXPECT_TRUE(has(echo, "\"host\":\"" + name + "\"") && has(echo, "\"path\":\"/echo?q=1\"")) << echo;
+      orv::set_log_level(orv::LOG_TRACE);
+      Maker::network_connect(request);  // reaches the server too, and logs nothing
+      EXPECT_EQ(capture.text(), "");
+      orv::set_log_level(orv::LOG_ERROR);
     } else {  // 60: the certificate does not name the host
       EXPECT_TRUE(echo.empty() && has(log, "[ASRHttpTask::execute][curl_code=60] curl error!\n")) << log;
     }
@@ -236,20 +203,8 @@ TEST(Execute, PinnedRequestGoesByNameToTheAddressAndTheNameIsChecked) {
 
 std::string text(const char* s) { return s != nullptr ? s : "(null)"; }
 
-TEST(AddressResolver, ParsesAndResolvesLocalNames) {
+TEST(AddressResolver, ResolvesLocalNames) {
   orv_shared_ptr<orv_address_resolver> r = orv_address_resolver::allocate();
-  auto* p = static_cast<orv_address_resolver_imp*>(r.getPTR());
-  const char* parts[][2] = {
-      {"https://speech.example/a", "https:// speech.example /a"},
-      {"speech.example", "(null) speech.example (null)"},
-      {"http://host:8080/x/y", "http:// host :8080/x/y"},  // a port before a '/' is split off
-      {"http://host:8080", "http:// host:8080 (null)"},   // without one it stays in the host
-      {"http:///path", "http:// (null) /path"},
-  };
-  for (const auto& c : parts) {
-    p->parseComponents(c[0]);
-    EXPECT_EQ(text(p->_protocol) + " " + text(p->_host) + " " + text(p->_path), c[1]);
-  }
   std::string host = "unchanged";
   orv_shared_ptr<char> result;
   EXPECT_EQ(r->resolveAddressFromHost("http:///nohost", &result, 1000, &host), 5);
@@ -261,15 +216,16 @@ TEST(AddressResolver, ParsesAndResolvesLocalNames) {
   if (v6 != nullptr) freeaddrinfo(v6);
   EXPECT_EQ(r->resolveAddressFromHost("http://localhost/asr?x=1", &result, 5000, &host), 0);
   EXPECT_EQ(host + " " + text(result.getPTR()), "localhost http://" + localhost + "/asr?x=1");
-  // A cancel made before a call is reset by it.
-  r->cancelResolution();
+  r->cancelResolution();  // a cancel made before a call is reset by it
   EXPECT_EQ(r->resolveAddressFromHost("127.0.0.1", &result, 0, nullptr), 0);
   EXPECT_EQ(text(result.getPTR()), "[127.0.0.1]");
+  // A port is split off only before a '/': without one the lookup fails and
+  // the URL comes back unchanged.
   orv::set_log_level(orv::LOG_ERROR);
   StderrCapture capture;
   EXPECT_EQ(r->resolveAddressFromHost("http://localhost:8080", &result, 5000, &host), 0);
   EXPECT_TRUE(has(capture.text(), "[orv_AddressResolver_getaddrinfo.cpp:118]getaddrinfo failed with error "));
-  EXPECT_EQ(host + " " + text(result.getPTR()), "localhost:8080 http://localhost:8080");  // unchanged
+  EXPECT_EQ(host + " " + text(result.getPTR()), "localhost:8080 http://localhost:8080");
   // Dropped at once: the lookup keeps the resolver alive.
   EXPECT_EQ(orv_address_resolver::allocate()->resolveAddressFromHost("localhost", nullptr, 0, nullptr), 0);
 }
@@ -340,15 +296,12 @@ TEST(OpensslThreadLock, InstallsOnceLocksByBitZeroAndBlocksSigpipeInTheCaller) {
   OpensslThreadLock::init_locks();
   std::vector<orv::Threads::Synchronization::AppMutex*> locks = OpensslThreadLock::_s_lock_array;
   OpensslThreadLock::init_locks();
-  EXPECT_EQ(OpensslThreadLock::_s_lock_array, locks);
-  ASSERT_EQ(locks.size(), static_cast<size_t>(CRYPTO_num_locks()));
+  EXPECT_TRUE(OpensslThreadLock::_s_lock_array == locks && locks.size() == static_cast<size_t>(CRYPTO_num_locks()));
   EXPECT_TRUE(pthread_sigmask(SIG_BLOCK, nullptr, &mask) == 0 && sigismember(&mask, SIGPIPE));
-  for (int mode : {CRYPTO_LOCK, CRYPTO_LOCK | CRYPTO_READ}) {
-    OpensslThreadLock::lock_callback(mode, 0, __FILE__, __LINE__);
-    EXPECT_TRUE(held_elsewhere(*locks[0]));
-    OpensslThreadLock::lock_callback(mode - CRYPTO_LOCK + CRYPTO_UNLOCK, 0, nullptr, 0);
-    EXPECT_FALSE(held_elsewhere(*locks[0]));
-  }
+  OpensslThreadLock::lock_callback(CRYPTO_LOCK | CRYPTO_READ, 0, __FILE__, __LINE__);
+  EXPECT_TRUE(held_elsewhere(*locks[0]));
+  OpensslThreadLock::lock_callback(CRYPTO_UNLOCK | CRYPTO_READ, 0, nullptr, 0);
+  EXPECT_FALSE(held_elsewhere(*locks[0]));
   EXPECT_EQ(OpensslThreadLock::id_callback(), static_cast<unsigned long>(pthread_self()));
   OpensslThreadLock::clean_locks();
   EXPECT_TRUE(!OpensslThreadLock::_s_has_initialized && OpensslThreadLock::_s_lock_array.empty());
