@@ -2,8 +2,6 @@
 
 #include <stdlib.h>
 
-#include <curl/curl.h>
-
 namespace orv_test {
 
 bool HttpTestServer::start(bool want_pinned) {
@@ -13,27 +11,10 @@ bool HttpTestServer::start(bool want_pinned) {
                         want_pinned ? pinned : std::vector<std::string>());
 }
 
-std::string HttpTestServer::fetch(const std::string& path) const {
-  std::string body;
-  auto append = [](char* data, size_t size, size_t count, void* out) {
-    static_cast<std::string*>(out)->append(data, size * count);
-    return size * count;
-  };
-  CURL* curl = curl_easy_init();
-  curl_easy_setopt(curl, CURLOPT_URL, http_url(path).c_str());
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, static_cast<curl_write_callback>(append));
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
-  CURLcode code = curl_easy_perform(curl);
-  curl_easy_cleanup(curl);
-  return code == CURLE_OK ? body : std::string();
-}
-
-int HttpTestServer::stat(const std::string& key) const {
-  std::string text = fetch("/_stats");
-  size_t at = text.find("\n" + key + " ");
-  return at == std::string::npos ? 0 : atoi(text.c_str() + at + key.size() + 2);
+int HttpTestServer::count(const std::string& path) const {
+  std::string text = read_file(dir_.file("counts")), key = "\n" + path + " ";
+  size_t at = text.find(key);
+  return at == std::string::npos ? 0 : atoi(text.c_str() + at + key.size());
 }
 
 std::string stream_pattern(size_t n) {

@@ -28,26 +28,21 @@ class HttpTestServer {
   int https_port() const { return process_.httpsPort(); }
   int pinned_port() const { return process_.pinnedPort(); }
   const std::string& error() const { return error_; }
-  std::string http_url(const std::string& path) const { return url("http", http_port(), path); }
-  std::string https_url(const std::string& path) const { return url("https", https_port(), path); }
-  static std::string url(const std::string& scheme, int port, const std::string& path) {
-    return scheme + "://127.0.0.1:" + std::to_string(port) + path;
+  std::string http_url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(http_port()) + path;
+  }
+  std::string https_url(const std::string& path) const {
+    return "https://127.0.0.1:" + std::to_string(https_port()) + path;
   }
 
-  // The body of a GET of path on the plain port, made with libcurl directly
-  // (not through liborv, and logging nothing); "" on failure.
-  std::string fetch(const std::string& path) const;
-  // A number of /_stats ("count <path>", "held"); 0 when absent.
-  int stat(const std::string& key) const;
-  int count(const std::string& path) const { return stat("count " + path); }
-  // The service's record of /upload?id=id (or /duplex?id=id), "none" before.
-  std::string upload_result(const std::string& id) const { return fetch("/upload_result?id=" + id); }
+  // Requests to path so far.
+  int count(const std::string& path) const;
+  // The service's record of /upload?id=id (or /duplex?id=id), "" before.
+  std::string upload_result(const std::string& id) const { return read_file(dir_.file("upload-" + id)); }
   std::string token_url(const std::string& query = "") const {
     return http_url("/oauth/2.0/token") + (query.empty() ? "" : "?" + query);
   }
   int token_fetches() const { return count("/oauth/2.0/token"); }
-  // Lets every held token request answer.
-  void release_token() const { fetch("/_release"); }
 
  private:
   TempDir dir_;  // outlives the process: its certificate is there

@@ -2,8 +2,9 @@
 """The embedded speech service with the routes that only tests use; standard library only."""
 # http_test_server.py takes the service's arguments (--cert-dir DIR, and
 # --host-name NAME --pinned-port 443 for address pinning) and prints its READY
-# line. Every route counts its requests ("count <path>" in /_stats);
-# query parameters shape the answers:
+# line. It keeps in DIR, each written whole at once, the file "counts" (a line
+# "<path> <requests so far>" a route) and the service's record of each upload
+# ?id= as "upload-<id>". Query parameters shape the answers:
 #   /echo         JSON of the request: method, path, body, host and the other
 #                 headers ("Name: value" in the order received)
 #   /body         status ?status= (200) with the body ?body= or the first ?n=
@@ -14,10 +15,9 @@
 #                 chunk ?stall_after=
 #   /duplex       sends each chunk of the body back as it arrives; recorded as
 #                 the service records an /upload of ?id=
-#   /oauth/2.0/token  the service's endpoint, but ?hold=1 first waits (60 s at
-#                 most) for /_release, counted in "held", and ?delay= s; ?body=
-#                 (with ?status=) is answered as it is, and ?answer=client
-#                 with the token "tok-<client_id>-<client_secret>-<fetch number>"
+#   /oauth/2.0/token  the service's endpoint, after ?delay= s; but ?body= (with
+#                 ?status=) is answered as it is, and ?answer=client with the
+#                 token "tok-<client_id>-<client_secret>-<fetch number>"
 #   /fault/reset  reads the body, or its first ?after= bytes, then resets
 #   /fault/garbage, /fault/stall (?delay= s, 30), /fault/huge (?count= header
 #                 lines of ?size= bytes)
@@ -28,8 +28,9 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."
 import speech_service as service  # noqa: E402
 
 arg = service.param
-LOCK = threading.Condition()
-STATS = {"held": 0, "releases": 0}
+DIR = sys.argv[sys.argv.index("--cert-dir") + 1]
+LOCK = threading.Lock()
+COUNTS = {}
 IGNORE_BODY = ("/body", "/stream", "/fault/garbage", "/fault/stall", "/fault/huge")  # read it for them
 
 
@@ -89,11 +90,6 @@ def duplex(h, query):
 
 
 def token(h, query):
-    with LOCK:
-        generation, hold = STATS["releases"], bool(arg(query, "hold"))
-        STATS["held"] += hold
-        LOCK.wait_for(lambda: not hold or STATS["releases"] > generation, 60)
-        STATS["held"] -= hold
     time.sleep(float(arg(query, "delay", "0")))
     if "body" not in query and not arg(query, "answer"):
         return service.route_token(h, query)
@@ -102,11 +98,15 @@ def token(h, query):
     reply(h, int(arg(query, "status", "200")), arg(query, "body", made).encode("utf-8"))
 
 
-def stats(h, query, release=False):
-    with LOCK:
-        STATS["releases"] += release
-        LOCK.notify_all()
-        reply(h, 200, "".join("\n%s %d" % item for item in STATS.items()).encode("latin-1") + b"\n")
+def publish(name, text):
+    with open(os.path.join(DIR, name + ".part"), "w") as out:
+        out.write(text)
+    os.rename(os.path.join(DIR, name + ".part"), os.path.join(DIR, name))
+
+
+def upload_update(rid, update=service.STATE.upload_update, **fields):
+    update(rid, **fields)
+    publish("upload-" + rid, service.STATE.upload_record(rid))
 
 
 def reset(h, query):
@@ -120,7 +120,8 @@ def reset(h, query):
 def counted(path, route):
     def run(h, query):
         with LOCK:
-            h.number = STATS["count " + path] = STATS.get("count " + path, 0) + 1
+            h.number = COUNTS[path] = COUNTS.get(path, 0) + 1
+            publish("counts", "".join("\n%s %d" % item for item in COUNTS.items()) + "\n")
         h.close_connection = h.close_connection or path.startswith("/fault/")
         try:
             service.read_body(h) if path in IGNORE_BODY else None
@@ -131,7 +132,7 @@ def counted(path, route):
 
 
 ROUTES = {"/echo": echo, "/body": body, "/stream": stream, "/duplex": duplex, "/oauth/2.0/token": token,
-          "/_stats": stats, "/_release": lambda h, query: stats(h, query, True), "/fault/reset": reset,
+          "/fault/reset": reset,
           "/fault/garbage": lambda h, query: h.wfile.write(b"\x00\x01garbage, not HTTP\r\n\r\n"),
           "/fault/stall": lambda h, query: time.sleep(float(arg(query, "delay", "30"))),
           "/fault/huge": lambda h, query: reply(h, 200, b"big", ["X-Big-%d: %s" % (i, "v" * int(arg(query, "size", "40")))
@@ -139,4 +140,5 @@ ROUTES = {"/echo": echo, "/body": body, "/stream": stream, "/duplex": duplex, "/
 
 if __name__ == "__main__":
     service.PlainServer.request_queue_size = 128  # many clients connect at once
+    service.STATE.upload_update = upload_update
     service.main({path: counted(path, route) for path, route in {**service.ROUTES, **ROUTES}.items()})

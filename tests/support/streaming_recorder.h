@@ -42,17 +42,17 @@ struct Final {
 };
 
 // What the callback saw: the concatenated pieces and the end reports (a
-// response without body). After `released` is set, any call is a fault.
+// response without body). After `released` is set, any call is a fault. With
+// release_inside the first callback calls release_instance and sets both.
 struct Recorder {
   std::mutex mutex;
   std::string data;
-  int pieces = 0;
   std::vector<Final> finals;
+  bool release_inside = false;
   std::atomic<bool> released{false}, release_returned{false};
   std::atomic<int> late_calls{0};
 
   std::string received() { return std::lock_guard<std::mutex>(mutex), data; }
-  int piece_count() { return std::lock_guard<std::mutex>(mutex), pieces; }
   std::vector<Final> ends() { return std::lock_guard<std::mutex>(mutex), finals; }
   // The one end report as "error status message", else "none" or "<count> reports".
   std::string end() {
@@ -63,16 +63,21 @@ struct Recorder {
 };
 
 // The result callback; its user data is an orv_shared_ptr<Recorder>*.
-inline void record(StreamTask&, orv::Memory::orv_shared_ptr<orv::Networking::orv_HttpResponse>& response,
+inline void record(StreamTask& task, orv::Memory::orv_shared_ptr<orv::Networking::orv_HttpResponse>& response,
                    orv::Memory::orv_shared_ptr_base* user) {
   Recorder* r = static_cast<orv::Memory::orv_shared_ptr<Recorder>*>(user)->getPTR();
   if (r->released.load()) r->late_calls++;
-  std::lock_guard<std::mutex> lock(r->mutex);
-  if (response->_length > 1) {
-    r->data.append(response->_data.getPTR(), response->_length - 1);
-    r->pieces++;
-  } else {
-    r->finals.push_back({response->_error_code, response->_http_status, response->_message});
+  {
+    std::lock_guard<std::mutex> lock(r->mutex);
+    if (response->_length > 1) {
+      r->data.append(response->_data.getPTR(), response->_length - 1);
+    } else {
+      r->finals.push_back({response->_error_code, response->_http_status, response->_message});
+    }
+  }
+  if (r->release_inside && !r->released.exchange(true)) {
+    task->release_instance();
+    r->release_returned = true;
   }
 }
 
@@ -94,12 +99,12 @@ inline bool within(std::function<bool()> work, std::chrono::milliseconds bound =
 
 // The task's serial queue has run everything submitted before (its
 // transfer included) when a no-op queued behind it has run.
-inline bool transfer_finished(StreamTask task, std::chrono::milliseconds bound = kBound) {
+inline bool transfer_finished(const StreamTask& task, std::chrono::milliseconds bound = kBound) {
   auto* impl = static_cast<orv::Networking::orv_HttpTask_impl*>(task.getPTR());
   return within([task, impl] { return impl->m_managerMain->runTaskSync([](auto*) {}, nullptr); }, bound);
 }
 
-inline bool release_within(StreamTask task, std::chrono::milliseconds bound = kBound) {
+inline bool release_within(const StreamTask& task, std::chrono::milliseconds bound = kBound) {
   return within([task] { return task->release_instance(), true; }, bound);
 }
 
