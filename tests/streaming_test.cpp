@@ -150,7 +150,7 @@ TEST_F(Streaming, PostReleaseReturnsWhileACallbackWaitsForIt) {
   start(kPost, "/duplex?id=blocked", &blocked, 0, &Blocked::callback, task);
   send(task, "ping", false);
   ASSERT_TRUE(wait_until([&] { return has(server.upload_result("blocked"), "bytes 4 "); }));
-  send(task, "pong", false);  // the answer to "ping" is read now
+  send(task, "pong", false);  // the answer to "ping" is read by now, or with this
   ASSERT_TRUE(wait_until([&] { return blocked->calls == 1; }));
   orv::set_log_level(orv::LOG_DEBUG);
   StderrCapture capture;
@@ -163,9 +163,12 @@ TEST_F(Streaming, PostReleaseReturnsWhileACallbackWaitsForIt) {
   send(task, "after the release", true);
   blocked->open.open();
   ASSERT_TRUE(dropped_and_gone(task));
-  // No piece was delivered after the cancel, and the body ended there.
+  // No piece was delivered after the cancel, and the body ended there ("pong"
+  // went out only if the transfer thread was waiting for data, not already
+  // reading the answer, when it came).
   EXPECT_EQ(blocked->calls, 1);
-  EXPECT_TRUE(has(server.upload_result("blocked"), "bytes 8 ")) << server.upload_result("blocked");
+  std::string sent = server.upload_result("blocked");
+  EXPECT_TRUE(has(sent, "bytes 4 ") || has(sent, "bytes 8 ")) << sent;
 }
 
 }  // namespace
