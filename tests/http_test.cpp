@@ -1,7 +1,7 @@
-// One-shot HTTP: the request and response objects, the request maker's URL
-// helpers, execute against the loopback server (shapes, outcomes and faults,
-// each with its bound and its log lines), HTTPS and address pinning; the
-// address resolver; the OpenSSL lock callbacks.
+// One-shot HTTP: the request and response objects, the URL helpers and the
+// OpenSSL locks; execute against the loopback server (shapes, outcomes and
+// faults, each with its bound and its log lines) and address pinning; the
+// address resolver.
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netdb.h>
@@ -16,7 +16,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -41,9 +40,9 @@ Request make(const std::string& url, const std::string& body = "", int timeout_m
   r->_timeout_ms = timeout_ms;
   r->_origin_URL = origin;
   r->_headers = {{"X-Zeta", "last"}, {"Content-Type", "application/json"}, {"X-Alpha", "first"}};
-  unsigned char* block = new unsigned char[body.size() + 1];
-  memcpy(block, body.data(), body.size());
-  r->_post_data = orv_shared_ptr<unsigned char>(block, &orv_shared_ptr<unsigned char>::arrayDestructor);
+  r->_post_data = orv_shared_ptr<unsigned char>(new unsigned char[body.size() + 1],
+                                                &orv_shared_ptr<unsigned char>::arrayDestructor);
+  memcpy(r->_post_data.getPTR(), body.data(), body.size());
   r->_post_data_len = static_cast<int32_t>(body.size());
   return r;
 }
@@ -57,7 +56,7 @@ void on_cancel(orv::Memory::orv_shared_ptr_base* copy) {
              ((*g_request)->isCancelled() ? " cancelled;" : ";");
 }
 
-TEST(HttpObjects, ResponseGrowsByWhatCameAndCancelCallsBackOutsideTheLock) {
+TEST(HttpObjects, ResponseGrowthCancelCallbackUrlHelpersAndOpensslLocks) {
   orv::set_log_level(orv::LOG_ERROR);
   orv_shared_ptr<orv_HttpResponse> r = orv_HttpResponse::alloc();
   StderrCapture capture;
@@ -68,11 +67,13 @@ TEST(HttpObjects, ResponseGrowsByWhatCameAndCancelCallsBackOutsideTheLock) {
   r->_error_code = 2;  // from here on nothing is kept, nor logged
   r->receive_new_data("zz", 2);
   r->receive_new_data(nullptr, 0);
+  EXPECT_FALSE(Maker::execute(Request()) || Maker::execute(orv_HttpRequest::requestWithUrl(orv_shared_ptr<char>())) ||
+               Maker::execute(make("")));
   std::string log = capture.text();
-  EXPECT_EQ(log.rfind("[ERROR]-[", 0), 0u) << log;
   EXPECT_EQ(occurrences(log, "][orv_HttpResponse.cpp:33][ASRResponse::receive_new_data] data is NULL or len is 0\n"), 2);
+  EXPECT_EQ(occurrences(log, "][orv_HttpRequestMaker.cpp:100][ASRHttpTask::execute] request is NULL\n"), 1);
+  EXPECT_EQ(occurrences(log, "][orv_HttpRequestMaker.cpp:106][ASRHttpTask::execute] URL is NULL or empty\n"), 2);
   EXPECT_EQ(std::string(r->_data.getPTR(), r->_length), std::string("ab\0x", 5));  // NUL-ended
-  EXPECT_EQ(r->_http_status, 200);
 
   std::string url = "http://a";
   Request request = orv_HttpRequest::requestWithUrl(url);
@@ -86,33 +87,30 @@ TEST(HttpObjects, ResponseGrowsByWhatCameAndCancelCallsBackOutsideTheLock) {
   request->cancel();
   request->cancel();
   EXPECT_EQ(g_calls, "3 free cancelled;3 free cancelled;");  // a fresh copy beside the request's and ours
-  EXPECT_EQ(strong_count(param), 2);
   request = Request();
   EXPECT_EQ(strong_count(param), 1);
-}
 
-TEST(HttpMaker, UrlHelpersAndMissingRequests) {
-  char ip[] = "https://10.1.2.3:8443/v1/asr?x=1", no_path[] = "https://10.1.2.3", bare[] = "10.1.2.3/a";
-  EXPECT_EQ(Maker::get_host_from_url("https://name:8443/path") + "|" + Maker::get_host_from_url("https://name") +
-                "|" + Maker::get_host_from_url("//name/x"), "name:8443||");
-  // The pinned port is 443 whatever the URLs say.
-  EXPECT_EQ(Maker::get_resolve_dns_map("https://speech.example/v1", ip), "speech.example:443:10.1.2.3:8443");
-  EXPECT_EQ(Maker::get_resolve_dns_map("https://speech.example", ip) +
-                Maker::get_resolve_dns_map("https://speech.example/v1", no_path) +
-                Maker::get_resolve_dns_map("https://speech.example/v1", nullptr), "");
-  EXPECT_EQ(Maker::get_host_url("https://speech.example/v1", ip), "https://speech.example/v1/asr?x=1");
-  EXPECT_EQ(Maker::get_host_url("https://speech.example/", no_path), no_path);
-  EXPECT_EQ(Maker::get_host_url("https://speech.example/", bare), bare);
+  // The pinned port is 443 whatever the URLs say; a URL without a path after
+  // its host has no host here.
+  char ip[] = "https://10.1.2.3:8443/v1/asr?x=1";
+  EXPECT_EQ(Maker::get_resolve_dns_map("https://speech.example/v1", ip) + " " +
+                Maker::get_host_url("https://speech.example/v1", ip) + " " +
+                Maker::get_resolve_dns_map("https://speech.example", ip),
+            "speech.example:443:10.1.2.3:8443 https://speech.example/v1/asr?x=1 ");
 
-  orv::set_log_level(orv::LOG_ERROR);
-  StderrCapture capture;
-  EXPECT_FALSE(Maker::execute(Request()) || Maker::execute(make("")) ||
-               Maker::execute(orv_HttpRequest::requestWithUrl(orv_shared_ptr<char>())));
-  Maker::network_connect(Request());
-  Maker::network_connect(make(""));
-  std::string log = capture.text();
-  EXPECT_EQ(occurrences(log, "][orv_HttpRequestMaker.cpp:100][ASRHttpTask::execute] request is NULL\n"), 1);
-  EXPECT_EQ(occurrences(log, "][orv_HttpRequestMaker.cpp:106][ASRHttpTask::execute] URL is NULL or empty\n"), 2);
+  // The OpenSSL locks: installed once; SIGPIPE blocked in the calling thread.
+  OpensslThreadLock::init_locks();
+  std::vector<orv::Threads::Synchronization::AppMutex*> locks = OpensslThreadLock::_s_lock_array;
+  OpensslThreadLock::init_locks();
+  sigset_t mask;
+  EXPECT_TRUE(OpensslThreadLock::_s_lock_array == locks && locks.size() == static_cast<size_t>(CRYPTO_num_locks()));
+  EXPECT_TRUE(pthread_sigmask(SIG_BLOCK, nullptr, &mask) == 0 && sigismember(&mask, SIGPIPE));
+  OpensslThreadLock::lock_callback(CRYPTO_LOCK | CRYPTO_READ, 0, __FILE__, __LINE__);
+  bool held = held_elsewhere(*locks[0]);
+  OpensslThreadLock::lock_callback(CRYPTO_UNLOCK | CRYPTO_READ, 0, nullptr, 0);
+  EXPECT_TRUE(held && !held_elsewhere(*locks[0]) && OpensslThreadLock::id_callback() == pthread_self());
+  OpensslThreadLock::clean_locks();
+  EXPECT_TRUE(!OpensslThreadLock::_s_has_initialized && OpensslThreadLock::_s_lock_array.empty());
 }
 
 // Each request carries the headers X-Zeta, Content-Type and X-Alpha, and the
@@ -123,92 +121,62 @@ TEST(Execute, ShapesOutcomesAndFaults) {
   HttpTestServer server;
   ASSERT_TRUE(server.start()) << server.error();
   orv::set_log_level(orv::LOG_DEBUG);
-  const std::string pattern = stream_pattern(300000), h = server.http_url(""), big(40, 'v');
-  const std::string http_host = "\"host\":\"127.0.0.1:" + std::to_string(server.http_port()) + "\"";
-  const std::string https_host = "\"host\":\"127.0.0.1:" + std::to_string(server.https_port()) + "\"";
-  enum { kNone, kBefore, kWhileWaiting };
-  enum { kExact, kPrefix, kAny };
+  const std::string h = server.http_url(""), pattern = stream_pattern(300000);
   const struct {
     std::string url, post;
-    int timeout_ms, cancel, status, error, match;
-    std::string body;
+    int timeout_ms;
+    bool cancel;  // while waiting for the answer
+    std::string outcome;              // "<status> <error> <body>", or "*" for any
     std::vector<std::string> seen;  // in the body, the headers ("[name]=[value]") or the log; "!": not
   } cases[] = {
-      {h + "/body?body=hi", "", -1, kNone, 200, 0, kExact, "hi",
+      {h + "/body?body=hi", "", -1, false, "200 0 hi",
        {"[DEBUG]-[", "][orv_HttpRequestMaker.cpp:121][ASRHttpTask::execute] url = " + h + "/body?body=hi\n",
         "][orv_HttpRequestMaker.cpp:167][ASRHttpTask::execute][curl_code=0, http_stauts=200, response_len=2] "
-        "receive response: hi\n", "!curl error!", "!HTTP/1.1"}},
-      {h + "/body?h=X-Tab:%09%20tab&h=X-Dup:%20one&h=X-Dup:two&h=X-Colon:%20a:b%20&h=X-Empty:", "", -1, kNone,
-       200, 0, kExact, "", {"[X-Tab]=[tab]", "[X-Dup]=[two]", "[X-Colon]=[a:b ]", "[X-Empty]=[]",
-                            "[Server]=[orv-test ]", "[Content-Length]=[0]"}},
-      {h + "/body?status=302&h=Location:%20/echo", "", -1, kNone, 302, 0, kExact, "", {}},  // not followed
-      {h + "/body?n=300000", "", -1, kNone, 200, 0, kExact, pattern, {}},
+        "receive response: hi\n", "!curl error!", "[Content-Length]=[2]"}},
+      {h + "/body?status=404&n=300000", "", -1, false, "404 0 " + pattern, {}},  // pieces appended
       // The map's headers in key order (the Content-Type replaces libcurl's), no Expect.
-      {h + "/echo", std::string("a=1\0&b", 6), -1, kNone, 200, 0, kAny, "",
+      {h + "/echo", std::string("a=1\0&b", 6), -1, false, "*",
        {"\"method\":\"POST\"", "\"body\":\"a=1\\u0000&b\"", "!Expect", "!x-www-form-urlencoded",
         "\"Content-Type: application/json\",\"X-Alpha: first\",\"X-Zeta: last\""}},
-      {h + "/echo", "", -1, kNone, 200, 0, kAny, "", {"\"method\":\"GET\"", "\"body\":\"\""}},  // no body: a GET
-      // Only a URL starting with https:// is secure; with an origin whose host has
-      // no path there is no resolve entry: the URL is requested unchanged.
-      {server.https_url("/echo"), "", -1, kNone, 200, 0, kAny, "", {"\"tls\":true", https_host}},
-      {server.https_url("/echo?o=https://localhost"), "", -1, kNone, 200, 0, kAny, "", {"\"tls\":true", https_host}},
-      {h + "/echo?o=https://localhost/echo&next=https://x/y", "", -1, kNone, 200, 0, kAny, "",
-       {"\"tls\":false", http_host}},
-      {refused_url("/"), "", -1, kNone, 200, 0, kExact, "",
+      {h + "/echo", "", -1, false, "*", {"\"method\":\"GET\"", "\"body\":\"\""}},  // no body: a GET
+      // Only a URL starting with https:// is secure: no resolve entry here.
+      {h + "/echo?o=https://localhost/echo&next=https://x/y", "", -1, false, "*", {"\"host\":\"127.0.0.1:"}},
+      {"http://127.0.0.1:1/", "", -1, false, "200 0 ",
        {"[ERROR]-[", "[curl_code=7, http_stauts=0, response_len=0] receive response: \n",
         "][orv_HttpRequestMaker.cpp:175][ASRHttpTask::execute][curl_code=7] curl error!\n"}},
-      {h + "/fault/reset", "", 5000, kNone, 200, 0, kExact, "", {"curl error!"}},
-      {h + "/fault/garbage", "", 5000, kNone, 200, 0, kExact, "", {"curl error!"}},
-      {h + "/fault/stall?delay=20", "", 700, kNone, 200, 0, kExact, "", {"[curl_code=28] curl error!"}},
-      {h + "/stream?n=200&size=1&interval=20", "", 800, kNone, 200, 0, kPrefix, pattern.substr(0, 200),
-       {"[curl_code=28] curl error!"}},
-      {h + "/body?n=100&length=1000", "", 5000, kNone, 200, 0, kExact, pattern.substr(0, 100),
+      {h + "/fault/reset", "", 5000, false, "200 0 ", {"curl error!"}},
+      {h + "/fault/stall?delay=20", "", 700, false, "200 0 ", {"[curl_code=28] curl error!"}},
+      {h + "/body?n=100&length=1000", "", 5000, false, "200 0 " + pattern.substr(0, 100),
        {"[curl_code=18] curl error!"}},
-      {h + "/fault/huge?count=100", "", 10000, kNone, 200, 0, kExact, "big", {"[X-Big-99]=[" + big + "]"}},
-      {h + "/fault/huge?count=1&size=1000000", "", 10000, kNone, 200, 0, kExact, "", {"curl error!", "![X-Big"}},
-      {h + "/fault/reset?after=65536", std::string(4 << 20, 'u'), 10000, kNone, 200, 0, kExact, "",
+      {h + "/fault/huge?count=1&size=1000000", "", 10000, false, "200 0 ", {"curl error!", "![X-Big"}},
+      {h + "/fault/reset?after=65536", std::string(4 << 20, 'u'), 10000, false, "200 0 ",
        {"curl error!"}},  // the server dies mid-upload
       // Whether the 503 status line came before the cancel or not, the status stays 200.
-      {h + "/stream?status=503&stall_after=0&stall=60000", "", 15000, kWhileWaiting, 200, 2, kExact, "",
+      {h + "/stream?status=503&stall_after=0&stall=60000", "", 15000, true, "200 2 ",
        {"][orv_HttpRequestMaker.cpp:172][ASRHttpTask::execute] curl is aborted by call back\n",
         "[curl_code=42, ", "!curl error!"}},
-      {h + "/echo", "", -1, kBefore, 200, 2, kExact, "", {"curl is aborted by call back"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.url);
     size_t at = c.url.find("?o=");
     Request request = make(c.url, c.post, c.timeout_ms, at == std::string::npos ? "" : c.url.substr(at + 3));
-    if (c.cancel == kBefore) request->cancel();
     int arrived = server.count("/stream");
     std::thread canceller([&] {
-      if (c.cancel == kWhileWaiting && wait_until([&] { return server.count("/stream") > arrived; })) {
-        request->cancel();
-      }
+      if (c.cancel && wait_until([&] { return server.count("/stream") > arrived; })) request->cancel();
     });
     StderrCapture capture;
     auto start = std::chrono::steady_clock::now();
     orv_shared_ptr<orv_HttpResponse> r = Maker::execute(request);
     EXPECT_LT(std::chrono::steady_clock::now() - start, ms(std::max(c.timeout_ms, 0) + 10000));
     canceller.join();
-    std::string body = body_of(r), seen = body + capture.text();
+    std::string outcome = std::to_string(r->_http_status) + " " + std::to_string(r->_error_code) + " " + body_of(r);
+    std::string seen = body_of(r) + capture.text();
     for (const auto& header : r->_headers) seen += "[" + header.first + "]=[" + header.second + "]";
-    EXPECT_EQ(r->_http_status, c.status);
-    EXPECT_EQ(r->_error_code, c.error);
-    EXPECT_TRUE(c.match == kAny || (c.match == kExact ? body == c.body
-                                    : body.size() < c.body.size() && body == c.body.substr(0, body.size())))
-        << body.size();
+    EXPECT_TRUE(c.outcome == "*" || outcome == c.outcome) << outcome.substr(0, 100);
     for (const std::string& part : c.seen) {
       EXPECT_NE(has(seen, part[0] == '!' ? part.substr(1) : part), part[0] == '!') << part << "\n" << seen;
     }
   }
-
-  orv::set_log_level(orv::LOG_TRACE);
-  int before = server.count("/echo");
-  StderrCapture capture;
-  Maker::network_connect(make(server.http_url("/echo")));
-  Maker::network_connect(make(server.https_url("/echo")));
-  EXPECT_EQ(capture.text(), "");
-  EXPECT_EQ(server.count("/echo"), before + 2);
 }
 
 TEST(Execute, PinnedRequestGoesByNameToTheAddressAndTheNameIsChecked) {
@@ -224,9 +192,8 @@ TEST(Execute, PinnedRequestGoesByNameToTheAddressAndTheNameIsChecked) {
     StderrCapture capture;
     std::string echo = body_of(Maker::execute(request)), log = capture.text();
     if (name == HttpTestServer::kPinnedHost) {  // by name, only through the pinned address
-      EXPECT_TRUE(has(echo, "\"host\":\"" + name + "\"") && has(echo, "\"sni\":\"" + name + "\"") &&
-                  has(echo, "\"path\":\"/echo?q=1\"")) << echo;
-      Maker::network_connect(request);
+      EXPECT_TRUE(has(echo, "\"host\":\"" + name + "\"") && has(echo, "\"path\":\"/echo?q=1\"")) << echo;
+      Maker::network_connect(request);  // reaches the server too
     } else {  // 60: the certificate does not name the host
       EXPECT_TRUE(echo.empty() && has(log, "[ASRHttpTask::execute][curl_code=60] curl error!\n")) << log;
     }
@@ -236,40 +203,29 @@ TEST(Execute, PinnedRequestGoesByNameToTheAddressAndTheNameIsChecked) {
 
 std::string text(const char* s) { return s != nullptr ? s : "(null)"; }
 
-TEST(AddressResolver, ParsesAndResolvesLocalNames) {
+TEST(AddressResolver, ResolvesLocalNames) {
   orv_shared_ptr<orv_address_resolver> r = orv_address_resolver::allocate();
-  auto* p = static_cast<orv_address_resolver_imp*>(r.getPTR());
-  const char* parts[][2] = {
-      {"https://speech.example/a", "https:// speech.example /a"},
-      {"speech.example", "(null) speech.example (null)"},
-      {"http://host:8080/x/y", "http:// host :8080/x/y"},  // a port before a '/' is split off
-      {"http://host:8080", "http:// host:8080 (null)"},   // without one it stays in the host
-      {"http:///path", "http:// (null) /path"},
-  };
-  for (const auto& c : parts) {
-    p->parseComponents(c[0]);
-    EXPECT_EQ(text(p->_protocol) + " " + text(p->_host) + " " + text(p->_path), c[1]);
-  }
-  std::string host = "unchanged";
   orv_shared_ptr<char> result;
-  EXPECT_EQ(r->resolveAddressFromHost("http:///nohost", &result, 1000, &host), 5);
-  EXPECT_TRUE(host == "unchanged" && !result);
+  auto resolve = [&](const char* url, int timeout_ms) {  // "<code> <host> <result>"
+    std::string host = "-";
+    int code = r->resolveAddressFromHost(url, &result, timeout_ms, &host);
+    return std::to_string(code) + " " + host + " " + text(result.getPTR());
+  };
+  EXPECT_EQ(resolve("http:///nohost", 1000), "5 - (null)");
   // IPv6 first when there is one; IPv4 bracketed too, on purpose.
   addrinfo hints{}, *v6 = nullptr;
   hints.ai_family = AF_INET6;
   std::string localhost = getaddrinfo("localhost", nullptr, &hints, &v6) == 0 ? "[::1]" : "[127.0.0.1]";
   if (v6 != nullptr) freeaddrinfo(v6);
-  EXPECT_EQ(r->resolveAddressFromHost("http://localhost/asr?x=1", &result, 5000, &host), 0);
-  EXPECT_EQ(host + " " + text(result.getPTR()), "localhost http://" + localhost + "/asr?x=1");
-  // A cancel made before a call is reset by it.
-  r->cancelResolution();
-  EXPECT_EQ(r->resolveAddressFromHost("127.0.0.1", &result, 0, nullptr), 0);
-  EXPECT_EQ(text(result.getPTR()), "[127.0.0.1]");
+  EXPECT_EQ(resolve("http://localhost/asr?x=1", 5000), "0 localhost http://" + localhost + "/asr?x=1");
+  r->cancelResolution();  // a cancel made before a call is reset by it
+  EXPECT_EQ(resolve("127.0.0.1", 0), "0 127.0.0.1 [127.0.0.1]");
+  // A port is split off only before a '/': without one the lookup fails and
+  // the URL comes back unchanged.
   orv::set_log_level(orv::LOG_ERROR);
   StderrCapture capture;
-  EXPECT_EQ(r->resolveAddressFromHost("http://localhost:8080", &result, 5000, &host), 0);
+  EXPECT_EQ(resolve("http://localhost:8080", 5000), "0 localhost:8080 http://localhost:8080");
   EXPECT_TRUE(has(capture.text(), "[orv_AddressResolver_getaddrinfo.cpp:118]getaddrinfo failed with error "));
-  EXPECT_EQ(host + " " + text(result.getPTR()), "localhost:8080 http://localhost:8080");  // unchanged
   // Dropped at once: the lookup keeps the resolver alive.
   EXPECT_EQ(orv_address_resolver::allocate()->resolveAddressFromHost("localhost", nullptr, 0, nullptr), 0);
 }
@@ -284,44 +240,34 @@ TEST(AddressResolver, TimeOutAndCancelOfAHangingLookup) {
   // A fork taken after pool threads exist would have the pool without its
   // threads. (An emulator has threads of its own: the count says nothing there.)
   if (!under_user_emulation() && thread_count() > 1) GTEST_SKIP() << "run this test in a fresh process";
+  TempDir dir;
+  const std::string conf = dir.file("resolv.conf");
+  write_file(conf, "nameserver 127.0.0.1\noptions timeout:5 attempts:1\n");
   pid_t child = fork();
   if (child == 0) {
     alarm(60);
-    char conf[] = "/tmp/orv_resolv_XXXXXX";
-    int fd = mkstemp(conf), s = -1;
-    const char content[] = "nameserver 127.0.0.1\noptions timeout:5 attempts:1\n";
+    int s = -1;
     ifreq lo{};
     strcpy(lo.ifr_name, "lo");
-    sockaddr_in dns{};
-    dns.sin_family = AF_INET;
-    dns.sin_port = htons(53);
-    dns.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd < 0 || write(fd, content, sizeof(content) - 1) < 0 || unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
-        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount(conf, "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0 ||
+    sockaddr_in dns{AF_INET, htons(53), {htonl(INADDR_LOOPBACK)}, {}};
+    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(conf.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0 ||
         (s = socket(AF_INET, SOCK_DGRAM, 0)) < 0 || ioctl(s, SIOCGIFFLAGS, &lo) != 0 ||
         (lo.ifr_flags |= IFF_UP, ioctl(s, SIOCSIFFLAGS, &lo)) != 0 ||
         bind(s, reinterpret_cast<sockaddr*>(&dns), sizeof(dns)) != 0) {
       _exit(77);
     }
-    unlink(conf);
     orv_shared_ptr<orv_address_resolver> r = orv_address_resolver::allocate();
-    auto* lock = static_cast<orv_address_resolver_imp*>(r.getPTR())->_lock;
     orv_shared_ptr<char> result;
     std::string host;
     auto start = std::chrono::steady_clock::now();
     if (r->resolveAddressFromHost("https://speech.orv-test.invalid/v1", &result, 300, &host) != 1) _exit(10);
     if (result || host != "speech.orv-test.invalid" || std::chrono::steady_clock::now() - start < ms(290)) _exit(11);
-    std::thread canceller([&] {
-      wait_until([lock] {  // until the caller waits: the condition is 1 then
-        lock->Lock();
-        bool waiting = lock->_condition == 1;
-        lock->Unlock();
-        return waiting;
-      });
-      r->cancelResolution();
-    });
+    // Cancels until the call returns: those made before it are reset by it.
+    std::atomic<bool> returned{false};
+    std::thread canceller([&] { wait_until([&] { return r->cancelResolution(), returned.load(); }); });
     int code = r->resolveAddressFromHost("http://other.orv-test.invalid/", &result, 0, nullptr);
+    returned = true;
     canceller.join();
     if (code != 7 || result) _exit(20);
     // The same resolver still works for a name in /etc/hosts.
@@ -332,26 +278,6 @@ TEST(AddressResolver, TimeOutAndCancelOfAHangingLookup) {
   int failed = child > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : 99;
   if (failed == 77) GTEST_SKIP() << "cannot create a private network namespace here";
   EXPECT_EQ(failed, 0) << "failed check " << failed;
-}
-
-TEST(OpensslThreadLock, InstallsOnceLocksByBitZeroAndBlocksSigpipeInTheCaller) {
-  sigset_t mask;
-  OpensslThreadLock::clean_locks();  // not installed: nothing happens
-  OpensslThreadLock::init_locks();
-  std::vector<orv::Threads::Synchronization::AppMutex*> locks = OpensslThreadLock::_s_lock_array;
-  OpensslThreadLock::init_locks();
-  EXPECT_EQ(OpensslThreadLock::_s_lock_array, locks);
-  ASSERT_EQ(locks.size(), static_cast<size_t>(CRYPTO_num_locks()));
-  EXPECT_TRUE(pthread_sigmask(SIG_BLOCK, nullptr, &mask) == 0 && sigismember(&mask, SIGPIPE));
-  for (int mode : {CRYPTO_LOCK, CRYPTO_LOCK | CRYPTO_READ}) {
-    OpensslThreadLock::lock_callback(mode, 0, __FILE__, __LINE__);
-    EXPECT_TRUE(held_elsewhere(*locks[0]));
-    OpensslThreadLock::lock_callback(mode - CRYPTO_LOCK + CRYPTO_UNLOCK, 0, nullptr, 0);
-    EXPECT_FALSE(held_elsewhere(*locks[0]));
-  }
-  EXPECT_EQ(OpensslThreadLock::id_callback(), static_cast<unsigned long>(pthread_self()));
-  OpensslThreadLock::clean_locks();
-  EXPECT_TRUE(!OpensslThreadLock::_s_has_initialized && OpensslThreadLock::_s_lock_array.empty());
 }
 
 }  // namespace

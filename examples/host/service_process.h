@@ -27,9 +27,10 @@ class ServiceProcess {
   ~ServiceProcess() { stop(); }
 
   // python: the interpreter; script: the service; certDir: where it makes its
-  // certificate. False with error set when it did not come up in waitMs.
+  // certificate; extraArgs: more of the service's arguments. False with error
+  // set when it did not come up in waitMs.
   bool start(const std::string& python, const std::string& script, const std::string& certDir,
-             int waitMs, std::string& error) {
+             int waitMs, std::string& error, const std::vector<std::string>& extraArgs = {}) {
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0) {
       error = "pipe failed";
@@ -46,6 +47,7 @@ class ServiceProcess {
     posix_spawn_file_actions_adddup2(&actions, in[0], 0);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
     std::vector<std::string> args = {python, script, "--cert-dir", certDir};
+    args.insert(args.end(), extraArgs.begin(), extraArgs.end());
     std::vector<char*> argv;
     for (std::string& a : args) argv.push_back(&a[0]);
     argv.push_back(nullptr);
@@ -75,8 +77,7 @@ class ServiceProcess {
       line.append(buffer, static_cast<size_t>(n));
     }
     close(out[0]);
-    int https = 0, pinned = 0;
-    if (sscanf(line.c_str(), "READY http=%d https=%d pinned=%d", &m_port, &https, &pinned) != 3) {
+    if (sscanf(line.c_str(), "READY http=%d https=%d pinned=%d", &m_port, &m_httpsPort, &m_pinnedPort) != 3) {
       error = "the speech service (" + script + ") did not come up";
       stop();
       return false;
@@ -96,12 +97,17 @@ class ServiceProcess {
   }
 
   int port() const { return m_port; }
+  int httpsPort() const { return m_httpsPort; }
+  // The port given with --pinned-port when the service could bind it, else -1.
+  int pinnedPort() const { return m_pinnedPort; }
   pid_t pid() const { return m_pid; }
 
  private:
   pid_t m_pid = -1;
   int m_stdin = -1;
   int m_port = -1;
+  int m_httpsPort = -1;
+  int m_pinnedPort = -1;
 };
 
 }  // namespace orv_host

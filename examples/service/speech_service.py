@@ -4,12 +4,16 @@
 Python 3 standard library, plus Debian's python3-pocketsphinx for recognition.
 
     speech_service.py --cert-dir DIR [--client-id ID] [--client-secret SECRET]
+                      [--host-name NAME --pinned-port PORT]
 
 It listens on 127.0.0.1 with plain HTTP and HTTPS (a self-signed certificate for
-127.0.0.1 made at start with the openssl command, in DIR) on ports the system
-picks, prints one line and flushes it:
+127.0.0.1, and for NAME when given, made at start with the openssl command, in
+DIR) on ports the system picks, prints one line and flushes it:
 
-    READY http=<port> https=<port> pinned=-1
+    READY http=<port> https=<port> pinned=<PORT, or -1>
+
+With --pinned-port it also serves HTTPS on that port, if it can bind it: 443
+for clients that pin NAME to 127.0.0.1 instead of looking it up.
 
 and ends when its standard input reaches end of file (the host closed it, or
 died) or on SIGTERM.
@@ -364,13 +368,14 @@ class TlsServer(PlainServer):
                 pass
 
 
-def tls_context(cert_dir):
+def tls_context(cert_dir, host_name=None):
     cert = os.path.join(cert_dir, "service.crt")
     key = os.path.join(cert_dir, "service.key")
+    names = "IP:127.0.0.1" + (",DNS:" + host_name if host_name else "")
     subprocess.run(
         ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
-         "-nodes", "-keyout", key, "-out", cert, "-days", "2", "-subj", "/CN=127.0.0.1",
-         "-addext", "subjectAltName=IP:127.0.0.1"],
+         "-nodes", "-keyout", key, "-out", cert, "-days", "2", "-subj", "/CN=" + (host_name or "127.0.0.1"),
+         "-addext", "subjectAltName=" + names],
         check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.load_cert_chain(cert, key)
@@ -382,17 +387,26 @@ def main(extra_routes=None):
     parser.add_argument("--cert-dir", required=True)
     parser.add_argument("--client-id", default=STATE.client_id)
     parser.add_argument("--client-secret", default=STATE.client_secret)
+    parser.add_argument("--host-name")
+    parser.add_argument("--pinned-port", type=int, default=0)
     args = parser.parse_args()
     STATE.client_id = args.client_id
     STATE.client_secret = args.client_secret
     ROUTES.update(extra_routes or {})
 
-    http = PlainServer(("127.0.0.1", 0), Handler)
-    https = TlsServer(("127.0.0.1", 0), tls_context(args.cert_dir))
-    for server in (http, https):
+    context = tls_context(args.cert_dir, args.host_name)
+    servers = [PlainServer(("127.0.0.1", 0), Handler), TlsServer(("127.0.0.1", 0), context)]
+    pinned = -1
+    if args.pinned_port > 0:
+        try:
+            servers.append(TlsServer(("127.0.0.1", args.pinned_port), context))
+            pinned = args.pinned_port
+        except OSError as error:
+            sys.stderr.write("cannot listen on port %d: %s\n" % (args.pinned_port, error))
+    for server in servers:
         threading.Thread(target=server.serve_forever, daemon=True).start()
-    sys.stdout.write("READY http=%d https=%d pinned=-1\n"
-                     % (http.server_address[1], https.server_address[1]))
+    sys.stdout.write("READY http=%d https=%d pinned=%d\n"
+                     % (servers[0].server_address[1], servers[1].server_address[1], pinned))
     sys.stdout.flush()
 
     # Ends with the parent: its end of our standard input closes.

@@ -32,10 +32,7 @@ const std::chrono::milliseconds kBound(20000);
 // Bytes of every value, zero included, in no simple order.
 inline std::string noise(size_t n, uint32_t seed) {
   std::string out(n, '\0');
-  for (size_t i = 0; i < n; ++i) {
-    seed = seed * 1103515245u + 12345u;
-    out[i] = static_cast<char>(seed >> 16);
-  }
+  for (size_t i = 0; i < n; ++i) out[i] = static_cast<char>((seed = seed * 1103515245u + 12345u) >> 16);
   return out;
 }
 
@@ -45,48 +42,49 @@ struct Final {
 };
 
 // What the callback saw: the concatenated pieces and the end reports (a
-// response without body). After `released` is set, any call is a fault.
+// response without body). After `released` is set, any call is a fault. With
+// release_inside the first callback calls release_instance and sets both.
 struct Recorder {
   std::mutex mutex;
   std::string data;
-  int pieces = 0;
   std::vector<Final> finals;
-  std::atomic<bool> released{false};
-  std::atomic<bool> release_returned{false};
+  bool release_inside = false;
+  std::atomic<bool> released{false}, release_returned{false};
   std::atomic<int> late_calls{0};
-  const void* task_seen = nullptr;  // not held: the task must be free to go
 
-  template <class T>
-  T locked(const T& field) {
-    std::lock_guard<std::mutex> lock(mutex);
-    return field;
+  std::string received() { return std::lock_guard<std::mutex>(mutex), data; }
+  std::vector<Final> ends() { return std::lock_guard<std::mutex>(mutex), finals; }
+  // The one end report as "error status message", else "none" or "<count> reports".
+  std::string end() {
+    std::vector<Final> all = ends();
+    if (all.size() != 1) return all.empty() ? "none" : std::to_string(all.size()) + " reports";
+    return std::to_string(all[0].error) + " " + std::to_string(all[0].status) + " " + all[0].message;
   }
-  std::string received() { return locked(data); }
-  size_t received_size() { return received().size(); }
-  int piece_count() { return locked(pieces); }
-  std::vector<Final> ends() { return locked(finals); }
 };
 
 // The result callback; its user data is an orv_shared_ptr<Recorder>*.
-inline void record(StreamTask& task,
-                   orv::Memory::orv_shared_ptr<orv::Networking::orv_HttpResponse>& response,
+inline void record(StreamTask& task, orv::Memory::orv_shared_ptr<orv::Networking::orv_HttpResponse>& response,
                    orv::Memory::orv_shared_ptr_base* user) {
   Recorder* r = static_cast<orv::Memory::orv_shared_ptr<Recorder>*>(user)->getPTR();
   if (r->released.load()) r->late_calls++;
-  std::lock_guard<std::mutex> lock(r->mutex);
-  r->task_seen = task.getPTR();
-  if (response->_length > 1) {
-    r->data.append(response->_data.getPTR(), response->_length - 1);
-    r->pieces++;
-  } else {
-    r->finals.push_back({response->_error_code, response->_http_status, response->_message});
+  {
+    std::lock_guard<std::mutex> lock(r->mutex);
+    if (response->_length > 1) {
+      r->data.append(response->_data.getPTR(), response->_length - 1);
+    } else {
+      r->finals.push_back({response->_error_code, response->_http_status, response->_message});
+    }
+  }
+  if (r->release_inside && !r->released.exchange(true)) {
+    task->release_instance();
+    r->release_returned = true;
   }
 }
 
 inline void send(StreamTask& task, const std::string& piece, bool last) {
-  unsigned char* block = new unsigned char[piece.size() + 1];
-  memcpy(block, piece.data(), piece.size());
-  orv::Memory::orv_shared_ptr<unsigned char> data(block, &orv::Memory::orv_shared_ptr<unsigned char>::arrayDestructor);
+  orv::Memory::orv_shared_ptr<unsigned char> data(new unsigned char[piece.size() + 1],
+                                                  &orv::Memory::orv_shared_ptr<unsigned char>::arrayDestructor);
+  memcpy(data.getPTR(), piece.data(), piece.size());
   task->send_data(data, static_cast<long>(piece.size()), last);
 }
 
@@ -101,12 +99,12 @@ inline bool within(std::function<bool()> work, std::chrono::milliseconds bound =
 
 // The task's serial queue has run everything submitted before (its
 // transfer included) when a no-op queued behind it has run.
-inline bool transfer_finished(StreamTask task, std::chrono::milliseconds bound = kBound) {
+inline bool transfer_finished(const StreamTask& task, std::chrono::milliseconds bound = kBound) {
   auto* impl = static_cast<orv::Networking::orv_HttpTask_impl*>(task.getPTR());
   return within([task, impl] { return impl->m_managerMain->runTaskSync([](auto*) {}, nullptr); }, bound);
 }
 
-inline bool release_within(StreamTask task, std::chrono::milliseconds bound = kBound) {
+inline bool release_within(const StreamTask& task, std::chrono::milliseconds bound = kBound) {
   return within([task] { return task->release_instance(), true; }, bound);
 }
 
@@ -120,9 +118,7 @@ inline bool dropped_and_gone(StreamTask& task, std::chrono::milliseconds bound =
 
 // The refresh timer's thread notices an emptied list only when it wakes; a
 // test lets it end before the process does (it uses a static of the library).
-inline bool refresh_timer_thread_idle() {
-  return timer_thread_state<orv::Threads::RefreshTimer>() == 0;
-}
+inline bool refresh_timer_thread_idle() { return timer_thread_state<orv::Threads::RefreshTimer>() == 0; }
 
 }  // namespace orv_test
 
