@@ -51,8 +51,9 @@ TEST(SharedPtr, CountsWeakPointersDeletersAndSelfRelease) {
   orv_shared_ptr_base* copy = weak.getRefPtr();
   {
     orv_shared_ptr<Counted> b(a), c;
+    orv_shared_ptr<Counted>& alias = c;
     c = static_cast<const orv_shared_ptr_base&>(b);
-    c = c;
+    c = alias;
     EXPECT_EQ(strong_count(a) * 10 + a._control->_ref_count, 35);
   }
   EXPECT_FALSE(copy->_is_strong);
