@@ -239,12 +239,11 @@ size_t queued(AppRunloop* loop, unsigned priority) {
 
 // Priorities in order, first in first out within one; synchronous runs (inline
 // from the loop's own thread); a synchronous caller whose task cancel drops
-// gets false, while a dispatch queue's is never woken (kept on purpose); the
-// thread keeps its loop until it ends.
+// gets false; the thread keeps its loop until it ends.
 TEST(RunLoops, PrioritiesSyncRunsAndCancelledWaiters) {
   orv_shared_ptr<AppRunloop> loop = AppRunloop::alloc(2, "orv-loop");
   EXPECT_TRUE(loop->_queue_count == 3 && !loop->runTaskAsync(closure([] {}), 3));
-  Blocker blocker, again, held;
+  Blocker blocker, again;
   std::vector<std::string> order;  // the loop thread's only
   loop->runTaskAsync(closure(blocker.body()), 1);
   ASSERT_TRUE(blocker.started());
@@ -268,16 +267,6 @@ TEST(RunLoops, PrioritiesSyncRunsAndCancelledWaiters) {
   loop.releaseManagedPointer();
   again.gate.open();
   EXPECT_TRUE(wait_until([&] { return !orv_shared_ptr<AppRunloop>(weak); }));
-  orv_shared_ptr<DispatchQueue> queue = DispatchQueue::alloc(1);
-  queue->runTaskAsync(raw_closure(held.body()), nullptr);
-  ASSERT_TRUE(held.started());
-  auto woken = std::make_shared<std::atomic<bool>>(false);
-  std::thread([queue, woken] { queue->runTaskSync(raw_closure([] {})), *woken = true; }).detach();
-  ASSERT_TRUE(wait_until([&] { AppLock lock(queue->_state_condition); return queue->_pending_tasks.size() == 1; }));
-  EXPECT_EQ(queue->cancel(), 1);
-  held.gate.open();
-  give_a_chance();
-  EXPECT_FALSE(*woken);
 }
 
 template <class F>
