@@ -212,22 +212,19 @@ TEST(Log, FailedReopenFallsBackToStderrAndLinesNeverInterleave) {
   for (size_t at = 0; at < all.size(); at += 101) ASSERT_EQ(all.compare(at, 101, std::string(100, all[at]) + "\n"), 0) << at;
 }
 
-TEST(Clock, WallClockMicrosecondsLocalTextsAndCoarseDates) {
+TEST(Clock, WallClockMicrosecondsLocalDateAndCoarseDates) {
   struct timeval before, after;
   std::string texts;
-  do {  // at a stable second, so that date and time agree
+  do {  // at a stable second, so that the date agrees
     gettimeofday(&before, nullptr);
-    texts = std::to_string(get_current_time()) + " " + get_gmt_date() + " " + get_gmt_time();
+    texts = std::to_string(get_current_time()) + " " + get_gmt_date();
     gettimeofday(&after, nullptr);
   } while (before.tv_sec != after.tv_sec);
   int64_t now = std::stoll(texts);
   EXPECT_TRUE(now >= before.tv_sec * 1000000LL + before.tv_usec && now <= after.tv_sec * 1000000LL + after.tv_usec);
   struct tm t;
   localtime_r(&before.tv_sec, &t);
-  char want[64];
-  snprintf(want, sizeof want, " %d-%d-%d %d-%02d-%02d %02d:%02d:%02d.", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
-           t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
-  EXPECT_TRUE(std::regex_match(texts, std::regex(R"(\d+)" + std::string(want) + R"(\d{3})"))) << texts;
+  EXPECT_EQ(texts.substr(texts.find(' ') + 1), std::to_string(t.tm_year + 1900) + "-" + std::to_string(t.tm_mon + 1) + "-" + std::to_string(t.tm_mday));
   EXPECT_EQ(std::to_string(compare_dates("2024-1-31", "2024-2-1")) + std::to_string(compare_dates("2024-3-1", "2024-2-28")) +
                 std::to_string(compare_dates("2025-1-1", "2024-1-1")) + std::to_string(compare_dates("2024-2-1", "2024-03-1")),
             "03365-30");

@@ -70,26 +70,19 @@ struct Tracked {
   std::atomic<int> value;
 };
 
-// A stack size no address space can give: threads started meanwhile fail.
+// Sets the process default stack size of new threads while it lives; the
+// default size, one no address space can give, makes them fail to start.
 inline size_t unallocatable_stack_size() { return ~static_cast<size_t>(0) & ~static_cast<size_t>(0x0FFFFFFF); }
-class DefaultStackSize {
- public:
-  explicit DefaultStackSize(size_t size) {
-    pthread_getattr_default_np(&saved_);
+struct DefaultStackSize {
+  explicit DefaultStackSize(size_t size = unallocatable_stack_size()) {
     pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, size);
-    pthread_setattr_default_np(&attr);
-    pthread_attr_destroy(&attr);
+    pthread_getattr_default_np(&saved), pthread_attr_init(&attr), pthread_attr_setstacksize(&attr, size);
+    pthread_setattr_default_np(&attr), pthread_attr_destroy(&attr);
   }
-  ~DefaultStackSize() { pthread_setattr_default_np(&saved_), pthread_attr_destroy(&saved_); }
-
- private:
-  pthread_attr_t saved_;
+  ~DefaultStackSize() { pthread_setattr_default_np(&saved), pthread_attr_destroy(&saved); }
+  pthread_attr_t saved;
 };
-struct NoNewThreads : DefaultStackSize {
-  NoNewThreads() : DefaultStackSize(unallocatable_stack_size()) {}
-};
+typedef DefaultStackSize NoNewThreads;
 
 inline long current_tid() { return static_cast<long>(syscall(SYS_gettid)); }
 inline std::string thread_name(long tid) {  // "" once it has gone
