@@ -140,6 +140,20 @@ ROUTES = {"/echo": echo, "/body": body, "/stream": stream, "/duplex": duplex, "/
           "/fault/huge": lambda h, query: reply(h, 200, b"big", ["X-Big-%d: %s" % (i, "v" * int(arg(query, "size", "40")))
                                                                  for i in range(int(arg(query, "count", "100")))])}
 
+def silent(h, query):  # takes the audio and never answers, until the client goes away
+    for _ in service.read_chunks(h):
+        pass
+    h.rfile.read(1)
+
+
+# The pipeline tests run the service with one fault (ORV_SERVICE_FAULT): a
+# silent recognition endpoint, or tokens it refuses there.
+FAULT = os.environ.get("ORV_SERVICE_FAULT", "")
+if FAULT == "silent":
+    ROUTES["/v1/recognize"] = silent
+if FAULT == "forget_tokens":
+    service.STATE.token_valid = lambda token: False
+
 if __name__ == "__main__":
     service.PlainServer.request_queue_size = 128  # many clients connect at once
     service.STATE.upload_update = upload_update
