@@ -3,41 +3,36 @@
 // changed, inserted or removed, seeds spliced), so the driver's model checks
 // run in every preset. A failed check aborts, which fails the test.
 //   <driver>_replay CORPUS_DIR VARIATIONS
-#include <dirent.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 int main(int argc, char** argv) {
-  DIR* dir = argc == 3 ? opendir(argv[1]) : nullptr;
-  if (dir == nullptr) return fprintf(stderr, "usage: %s CORPUS_DIR VARIATIONS\n", argv[0]), 2;
+  if (argc != 3) return fprintf(stderr, "usage: %s CORPUS_DIR VARIATIONS\n", argv[0]), 2;
   std::vector<std::string> names, seeds;
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') names.push_back(std::string(argv[1]) + "/" + entry->d_name);
-  }
-  closedir(dir);
+  for (const auto& entry : std::filesystem::directory_iterator(argv[1])) names.push_back(entry.path());
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
-    std::ostringstream content;
-    content << std::ifstream(name, std::ios::binary).rdbuf();
-    seeds.push_back(content.str());
+    std::ifstream in(name, std::ios::binary);
+    seeds.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
   if (seeds.empty()) return fprintf(stderr, "no seeds in %s\n", argv[1]), 2;
   std::mt19937 rng(20261125);
-  long variations = atol(argv[2]);
+  const long variations = atol(argv[2]);
   for (long i = -static_cast<long>(seeds.size()); i < variations; ++i) {
     std::string s = seeds[i < 0 ? seeds.size() + i : rng() % seeds.size()];
     for (int edits = i < 0 ? 0 : 1 + rng() % 4; edits > 0; --edits) {
-      size_t at = s.empty() ? 0 : rng() % s.size();
+      const size_t at = s.empty() ? 0 : rng() % s.size();
       const std::string& other = seeds[rng() % seeds.size()];
       switch (rng() % 4) {
         case 0: if (!s.empty()) s[at] = static_cast<char>(rng()); break;
