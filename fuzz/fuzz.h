@@ -12,21 +12,19 @@
 #include <algorithm>
 #include <string>
 
-#define FUZZ_CHECK(c) \
-  ((c) ? (void)0 : (fprintf(stderr, "line %d: check failed: %s\n", __LINE__, #c), abort()))
+#define FUZZ_CHECK(c) ((c) ? (void)0 : (fprintf(stderr, "line %d: check failed: %s\n", __LINE__, #c), abort()))
 
 namespace orv_fuzz {
 
+// Taken from the front; past the end, bytes are 0 and strings empty.
 struct Input {
   const uint8_t* data;
   size_t size;
   uint8_t byte() { return size == 0 ? 0 : (--size, *data++); }
   std::string take(size_t n) {
     n = std::min(n, size);
-    std::string s(reinterpret_cast<const char*>(data), n);
-    data += n;
-    size -= n;
-    return s;
+    data += n, size -= n;
+    return std::string(reinterpret_cast<const char*>(data - n), n);
   }
   std::string str(size_t max) { return take(byte() % (max + 1)); }  // its length first
   std::string rest() { return take(size); }

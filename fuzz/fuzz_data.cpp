@@ -15,8 +15,7 @@ using orv::Networking::orv_HttpTask_impl;
 // beyond it, negative.
 int length(orv_fuzz::Input& in, int cap) {
   const int b = in.byte(), span = cap > 0 ? cap : 64;
-  const int lengths[] = {b & 7, (b & 63) % (span + 1), span - 2 + (b & 7),
-                         b & 1 ? -(b & 15) - 1 : 2 * span + (b & 15)};
+  const int lengths[] = {b & 7, (b & 63) % (span + 1), span - 2 + (b & 7), b & 1 ? -(b & 15) - 1 : 2 * span + (b & 15)};
   return lengths[b >> 6];
 }
 
@@ -30,22 +29,19 @@ void pcm_queue(orv_fuzz::Input& in) {
   unsigned char out[512];
   for (char next = 0; in.size > 0;) {
     const int op = in.byte() % 8, len = length(in, cap), stored = static_cast<int>(model.size());
-    const bool partial = op & 1;
+    const bool part = op & 1;
     int got, want;
     if (op < 2) {
       std::string bytes(std::max(len, 0), '\0');
       for (char& c : bytes) c = next++;
       got = q->queueAudio(reinterpret_cast<const unsigned char*>(bytes.data()), len);
-      model += bytes;
-      int over = cap > 0 ? std::max(0, static_cast<int>(model.size()) - cap) : 0;
-      model.erase(0, over);
+      const int over = cap > 0 ? std::max(0, stored + static_cast<int>(bytes.size()) - cap) : 0;
+      model = (model + bytes).substr(over);
       pos += over;
       want = len < 0 ? -1 : static_cast<int>(model.size());
-    } else if (op < 7) {  // peek, deque (all of len, or what there is with partial), shift
-      want = len < 0 || (op < 6 && len > stored && !partial) ? 0 : std::min(len, stored);
-      got = op < 4   ? q->readSamples(out, len, partial)
-            : op < 6 ? q->dequeSamples(out, len, partial)
-                     : q->shiftSize(len);
+    } else if (op < 7) {  // peek, deque (all of len, or with `part` what there is), shift
+      want = len < 0 || (op < 6 && len > stored && !part) ? 0 : std::min(len, stored);
+      got = op < 4 ? q->readSamples(out, len, part) : op < 6 ? q->dequeSamples(out, len, part) : q->shiftSize(len);
       FUZZ_CHECK(op == 6 || got != want || memcmp(out, model.data(), want) == 0);
       model.erase(0, op < 4 ? 0 : want);
       pos += op < 4 || cap == 0 ? 0 : want;  // linear consumption keeps the position
@@ -56,7 +52,7 @@ void pcm_queue(orv_fuzz::Input& in) {
       pos += std::max(0, len - 2);
     } else {  // linear: whatever a range read gives is the stored bytes there
       const int from = std::max(0, length(in, 0)), room = std::max(0, length(in, 0));
-      got = want = q->readSamples(out, room, from, from + len, partial);
+      got = want = q->readSamples(out, room, from, from + len, part);
       FUZZ_CHECK(got == 0 || (got > 0 && got <= room && got <= stored - from && got <= len + 1));
       FUZZ_CHECK(memcmp(out, model.data() + std::min(from, stored), got) == 0);
     }

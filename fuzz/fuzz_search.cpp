@@ -8,19 +8,15 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   orv_fuzz::Input in{data, size};
-  uint8_t mode = in.byte();
+  const uint8_t mode = in.byte();
   std::string pattern = in.str(64), text = in.rest();
-  if (mode & 1) {
-    for (char& c : pattern) c = static_cast<char>('a' + (c & 1));
-    for (char& c : text) c = static_cast<char>('a' + (c & 1));
-  }
-  if (mode & 2 && !pattern.empty() && text.size() > pattern.size()) {
+  for (std::string* s : {&pattern, &text})
+    for (char& c : *s) c = mode & 1 ? static_cast<char>('a' + (c & 1)) : c;
+  if (mode & 2 && !pattern.empty() && text.size() > pattern.size())
     text.replace((mode >> 2) % (text.size() - pattern.size() + 1), pattern.size(), pattern);
-  }
   // Exact-size copies: a read past either end is caught.
   std::vector<unsigned char> t(text.begin(), text.end()), p(pattern.begin(), pattern.end());
   void* found = orv::boyer_moore(t.data(), t.size(), p.data(), p.size());
-  FUZZ_CHECK(found ==
-             (t.empty() || p.empty() ? nullptr : memmem(t.data(), t.size(), p.data(), p.size())));
+  FUZZ_CHECK(found == (t.empty() || p.empty() ? nullptr : memmem(t.data(), t.size(), p.data(), p.size())));
   return 0;
 }

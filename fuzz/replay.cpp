@@ -22,10 +22,9 @@ int main(int argc, char** argv) {
   std::vector<std::string> names, seeds;
   for (const auto& entry : std::filesystem::directory_iterator(argv[1])) names.push_back(entry.path());
   std::sort(names.begin(), names.end());
-  for (const std::string& name : names) {
-    std::ifstream in(name, std::ios::binary);
-    seeds.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
+  for (const std::string& name : names)  // (the stream lives to the end of the statement)
+    seeds.emplace_back(std::istreambuf_iterator<char>(std::ifstream(name, std::ios::binary).rdbuf()),
+                       std::istreambuf_iterator<char>());
   if (seeds.empty()) return fprintf(stderr, "no seeds in %s\n", argv[1]), 2;
   std::mt19937 rng(20261125);
   const long variations = atol(argv[2]);
