@@ -92,8 +92,7 @@ void send_data(orv_fuzz::Input& in) {
       orv_shared_ptr<unsigned char> block = copy_of(sent.substr(sent.size() - n));
       task->send_data(block, static_cast<long>(n), last);
     } else if (kind == 2) {  // a bad piece queues nothing but still sets the flag
-      orv_shared_ptr<unsigned char> block =
-          op & 0x40 ? orv_shared_ptr<unsigned char>() : copy_of("x");
+      orv_shared_ptr<unsigned char> block = op & 0x40 ? orv_shared_ptr<unsigned char>() : copy_of("x");
       task->send_data(block, block ? -1 - in.byte() : 1 + in.byte(), last);
     } else if (kind < 5) {  // a read of size * count bytes
       size_t unit = 1 + in.byte() % 4, count = in.byte(), queued = sent.size() - read.size();

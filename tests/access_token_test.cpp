@@ -122,8 +122,7 @@ TEST_F(AccessToken, FailureTextsWordForWord) {
       {"", "FAILED TO GET ACCESS TOKEN, REQUEST FAILED (execute error response object was NULL)"},
       // Transport failures are silent below the fetcher: it judges what came.
       {"http://127.0.0.1:1/oauth/2.0/token", empty},  // refused
-      {server.http_url("/body?n=100&length=1000"), unparsable},
-  };
+      {server.http_url("/body?n=100&length=1000"), unparsable}, };
   for (const auto& c : cases) {
     Token t = keyed(c.first);
     // No retries: each getAccessToken that finds a failure settled fetches

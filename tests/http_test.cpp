@@ -154,8 +154,7 @@ TEST(Execute, ShapesOutcomesAndFaults) {
       // Whether the 503 status line came before the cancel or not, the status stays 200.
       {h + "/stream?status=503&stall_after=0&stall=60000", "", 15000, true, "200 2 ",
        {"][orv_HttpRequestMaker.cpp:172][ASRHttpTask::execute] curl is aborted by call back\n",
-        "[curl_code=42, ", "!curl error!"}},
-  };
+        "[curl_code=42, ", "!curl error!"}}, };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.url);
     size_t at = c.url.find("?o=");
@@ -239,7 +238,7 @@ TEST(AddressResolver, TimeOutAndCancelOfAHangingLookup) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root for a private network namespace";
   // A fork taken after pool threads exist would have the pool without its
   // threads. (An emulator has threads of its own: the count says nothing there.)
-  if (!under_user_emulation() && thread_count() > 1) GTEST_SKIP() << "run this test in a fresh process";
+  if (!under_user_emulation() && count_threads_named("") > 1) GTEST_SKIP() << "run this test in a fresh process";
   TempDir dir;
   const std::string conf = dir.file("resolv.conf");
   write_file(conf, "nameserver 127.0.0.1\noptions timeout:5 attempts:1\n");

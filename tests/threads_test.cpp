@@ -169,8 +169,7 @@ std::vector<Executor> executors() {
        [wide](bool sync) { sync ? wide->cancel_sync() : wide->cancel(); }, 3},
       {"pool", [pool](std::function<void()> f) { return pool->runTaskAsync(closure(f), "orv-pool"); },
        [pool](orv_shared_ptr<Tracked>& p) { return pool->runTaskAsync(&add_one, &p, nullptr); },
-       [pool](bool sync) { sync ? pool->cancel_sync() : pool->cancel(); }, 1 << 30},
-  };
+       [pool](bool sync) { sync ? pool->cancel_sync() : pool->cancel(); }, 1 << 30}, };
 }
 
 // Thousands of tasks from four producers run exactly once; a serial executor

@@ -16,12 +16,6 @@ const std::chrono::seconds kBound(60);
 
 int scaled(int n) { return n * std::max(1, getenv("ORV_STRESS_SCALE") ? atoi(getenv("ORV_STRESS_SCALE")) : 1); }
 
-void run_threads(int n, const std::function<void(int)>& body) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < n; ++i) threads.emplace_back(body, i);
-  for (std::thread& t : threads) t.join();
-}
-
 // Eight producers at once, each keeping a bounded backlog as callers do: 0-3
 // feed serial queues, 4 a concurrent one (all five borrow pool threads), 5-7
 // the priorities of a run loop, now and then synchronously. Every task runs

@@ -24,16 +24,9 @@ class HttpTestServer {
 
   // False (with error()) when the server did not come up within the bound.
   bool start(bool want_pinned = false);
-  int http_port() const { return process_.port(); }
-  int https_port() const { return process_.httpsPort(); }
   int pinned_port() const { return process_.pinnedPort(); }
   const std::string& error() const { return error_; }
-  std::string http_url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(http_port()) + path;
-  }
-  std::string https_url(const std::string& path) const {
-    return "https://127.0.0.1:" + std::to_string(https_port()) + path;
-  }
+  std::string http_url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(process_.port()) + path; }
 
   // Requests to path so far.
   int count(const std::string& path) const;

@@ -19,7 +19,7 @@
 #                 ?status=) is answered as it is, and ?answer=client with the
 #                 token "tok-<client_id>-<client_secret>-<fetch number>"
 #   /fault/reset  reads the body, or its first ?after= bytes, then resets
-#   /fault/garbage, /fault/stall (?delay= s, 30), /fault/huge (?count= header
+#   /fault/stall (?delay= s, 30), /fault/huge (?count= header
 #                 lines of ?size= bytes)
 import functools, json, os, socket, struct, sys, threading, time
 from urllib.parse import parse_qs
@@ -31,7 +31,7 @@ arg = service.param
 DIR = sys.argv[sys.argv.index("--cert-dir") + 1]
 LOCK = threading.Lock()
 COUNTS = {}
-IGNORE_BODY = ("/body", "/stream", "/fault/garbage", "/fault/stall", "/fault/huge")  # read it for them
+IGNORE_BODY = ("/body", "/stream", "/fault/stall", "/fault/huge")  # read it for them
 
 
 @functools.lru_cache(maxsize=64)  # benchmarks ask for the same sizes again and again
@@ -135,7 +135,6 @@ def counted(path, route):
 
 ROUTES = {"/echo": echo, "/body": body, "/stream": stream, "/duplex": duplex, "/oauth/2.0/token": token,
           "/fault/reset": reset,
-          "/fault/garbage": lambda h, query: h.wfile.write(b"\x00\x01garbage, not HTTP\r\n\r\n"),
           "/fault/stall": lambda h, query: time.sleep(float(arg(query, "delay", "30"))),
           "/fault/huge": lambda h, query: reply(h, 200, b"big", ["X-Big-%d: %s" % (i, "v" * int(arg(query, "size", "40")))
                                                                  for i in range(int(arg(query, "count", "100")))])}
@@ -146,13 +145,9 @@ def silent(h, query):  # takes the audio and never answers, until the client goe
     h.rfile.read(1)
 
 
-# The pipeline tests run the service with one fault (ORV_SERVICE_FAULT): a
-# silent recognition endpoint, or tokens it refuses there.
-FAULT = os.environ.get("ORV_SERVICE_FAULT", "")
-if FAULT == "silent":
+# With ORV_SERVICE_FAULT=silent (the pipeline tests) the recognition endpoint never answers.
+if os.environ.get("ORV_SERVICE_FAULT") == "silent":
     ROUTES["/v1/recognize"] = silent
-if FAULT == "forget_tokens":
-    service.STATE.token_valid = lambda token: False
 
 if __name__ == "__main__":
     service.PlainServer.request_queue_size = 128  # many clients connect at once

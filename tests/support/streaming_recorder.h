@@ -116,10 +116,6 @@ inline bool dropped_and_gone(StreamTask& task, std::chrono::milliseconds bound =
   return wait_until([&weak] { return !StreamTask(weak); }, bound);
 }
 
-// The refresh timer's thread notices an emptied list only when it wakes; a
-// test lets it end before the process does (it uses a static of the library).
-inline bool refresh_timer_thread_idle() { return timer_thread_state<orv::Threads::RefreshTimer>() == 0; }
-
 }  // namespace orv_test
 
 #endif  // ORV_TESTS_SUPPORT_STREAMING_RECORDER_H

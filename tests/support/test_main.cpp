@@ -14,8 +14,7 @@
 #include "gtest/gtest.h"
 
 int main(int argc, char** argv) {
-  if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1 ||
-      curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+  if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1 || curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
     fprintf(stderr, "test main: OpenSSL or libcurl set-up failed\n");
     return 1;
   }

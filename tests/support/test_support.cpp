@@ -55,17 +55,10 @@ void write_file(const std::string& path, const std::string& content) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 }
 
-int thread_count() {
-  int count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) count += entry.exists();
-  return count;
-}
-
 int count_threads_named(const std::string& name) {
   int count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
-    count += thread_name(std::stol(entry.path().filename())) == name;
-  }
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+    count += name.empty() || thread_name(std::stol(entry.path().filename())) == name;
   return count;
 }
 

@@ -38,7 +38,6 @@ class StderrCapture {
 inline bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
-int thread_count();  // threads of this process
 
 // Polls predicate until it is true or timeout passes; returns its last value.
 bool wait_until(const std::function<bool()>& predicate, std::chrono::milliseconds timeout = std::chrono::seconds(10));

@@ -90,7 +90,7 @@ inline std::string thread_name(long tid) {  // "" once it has gone
   return name.empty() ? name : name.substr(0, name.size() - 1);
 }
 inline bool thread_alive(long tid) { return access(("/proc/self/task/" + std::to_string(tid)).c_str(), F_OK) == 0; }
-int count_threads_named(const std::string& name);
+int count_threads_named(const std::string& name);  // "": every thread
 
 // Whether another thread finds m locked.
 inline bool held_elsewhere(orv::Threads::Synchronization::AppMutex& m) {
