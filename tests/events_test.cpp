@@ -26,8 +26,7 @@ struct Journal : std::mutex {
   std::atomic<int> inside{0}, most{0};
 };
 
-class Recorder : public EventManager {
- public:
+struct Recorder : EventManager {
   Recorder(orv_weak_ptr<Context> context, std::string name, Journal* j) : EventManager(context), name_(name), j_(j) {}
   void send(orv_shared_ptr<Message>& message) override {
     int now = ++j_->inside;
@@ -38,8 +37,6 @@ class Recorder : public EventManager {
     j_->seen.push_back(name_ + ":" + message->m_name);
     --j_->inside;
   }
-
- private:
   std::string name_;
   Journal* j_;
 };

@@ -82,8 +82,7 @@ struct Probe {
   std::atomic<size_t> stack{0};
 };
 
-class ProbeThread : public AppThread {
- public:
+struct ProbeThread : AppThread {
   explicit ProbeThread(Probe* probe) : probe_(probe) {}
   ~ProbeThread() override { probe_->destroyed_on = current_tid(); }
   void threadMain() override {
@@ -94,8 +93,6 @@ class ProbeThread : public AppThread {
     probe_->stack = isCurrentThread() ? size : 0;
     probe_->tid = current_tid();
   }
-
- private:
   Probe* probe_;
 };
 

@@ -7,14 +7,13 @@
 #ifdef ORV_TEST_MISNAMED
 static int prepare_count = 0;
 
-static orv::Memory::orv_shared_ptr<orv::EventManager> load(
-    orv::Memory::orv_weak_ptr<orv::Context>, orv::Memory::orv_weak_ptr<orv::EventManager>) {
-  return orv::Memory::orv_shared_ptr<orv::EventManager>();
-}
+using namespace orv::Memory;
 
 extern "C" __attribute__((visibility("default"))) void VeltoSpeechTestMisnamed_INIT() {
   ++prepare_count;
-  orv::SpeechSDKModuleLoader::registerLoadFunction(load, "SomeOtherName");
+  orv::SpeechSDKModuleLoader::registerLoadFunction(
+      [](orv_weak_ptr<orv::Context>, orv_weak_ptr<orv::EventManager>) { return orv_shared_ptr<orv::EventManager>(); },
+      "SomeOtherName");
 }
 
 extern "C" __attribute__((visibility("default"))) int orv_test_prepare_count() { return prepare_count; }

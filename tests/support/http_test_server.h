@@ -35,7 +35,7 @@ class HttpTestServer {
   std::string token_url(const std::string& query = "") const {
     return http_url("/oauth/2.0/token") + (query.empty() ? "" : "?" + query);
   }
-  int token_fetches() const { return count("/oauth/2.0/token"); }
+  
 
  private:
   TempDir dir_;  // outlives the process: its certificate is there

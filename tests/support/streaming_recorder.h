@@ -36,29 +36,23 @@ inline std::string noise(size_t n, uint32_t seed) {
   return out;
 }
 
-struct Final {
-  int error, status;
-  std::string message;
-};
-
 // What the callback saw: the concatenated pieces and the end reports (a
 // response without body). After `released` is set, any call is a fault. With
 // release_inside the first callback calls release_instance and sets both.
 struct Recorder {
   std::mutex mutex;
   std::string data;
-  std::vector<Final> finals;
+  std::vector<std::string> finals;  // "error status message"
   bool release_inside = false;
   std::atomic<bool> released{false}, release_returned{false};
   std::atomic<int> late_calls{0};
 
   std::string received() { return std::lock_guard<std::mutex>(mutex), data; }
-  std::vector<Final> ends() { return std::lock_guard<std::mutex>(mutex), finals; }
-  // The one end report as "error status message", else "none" or "<count> reports".
+  std::vector<std::string> ends() { return std::lock_guard<std::mutex>(mutex), finals; }
+  // The one end report, else "none" or "<count> reports".
   std::string end() {
-    std::vector<Final> all = ends();
-    if (all.size() != 1) return all.empty() ? "none" : std::to_string(all.size()) + " reports";
-    return std::to_string(all[0].error) + " " + std::to_string(all[0].status) + " " + all[0].message;
+    std::vector<std::string> all = ends();
+    return all.size() == 1 ? all[0] : all.empty() ? "none" : std::to_string(all.size()) + " reports";
   }
 };
 
@@ -72,7 +66,8 @@ inline void record(StreamTask& task, orv::Memory::orv_shared_ptr<orv::Networking
     if (response->_length > 1) {
       r->data.append(response->_data.getPTR(), response->_length - 1);
     } else {
-      r->finals.push_back({response->_error_code, response->_http_status, response->_message});
+      r->finals.push_back(std::to_string(response->_error_code) + " " + std::to_string(response->_http_status) + " " +
+                          response->_message);
     }
   }
   if (r->release_inside && !r->released.exchange(true)) {

@@ -14,10 +14,8 @@
 #include "gtest/gtest.h"
 
 int main(int argc, char** argv) {
-  if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1 || curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
-    fprintf(stderr, "test main: OpenSSL or libcurl set-up failed\n");
-    return 1;
-  }
+  if (OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) != 1 || curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK)
+    return fprintf(stderr, "test main: OpenSSL or libcurl set-up failed\n"), 1;
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

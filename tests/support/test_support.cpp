@@ -5,7 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 
@@ -35,20 +35,14 @@ StderrCapture::StderrCapture() : saved_fd_(-1), file_("/tmp/orv_stderr_XXXXXX") 
 
 std::string StderrCapture::text() {
   if (saved_fd_ >= 0) {
-    fflush(stderr);
-    dup2(saved_fd_, 2);
-    close(saved_fd_);
-    saved_fd_ = -1;
-    captured_ = read_file(file_);
-    unlink(file_.c_str());
+    fflush(stderr), dup2(saved_fd_, 2), close(saved_fd_);
+    saved_fd_ = -1, captured_ = read_file(file_), unlink(file_.c_str());
   }
   return captured_;
 }
 
-std::string read_file(const std::string& path) {
-  std::ostringstream out;
-  out << std::ifstream(path, std::ios::binary).rdbuf();
-  return out.str();
+std::string read_file(const std::string& path) {  // "" when it cannot be read
+  return std::string(std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf()), {});
 }
 
 void write_file(const std::string& path, const std::string& content) {

@@ -11,26 +11,20 @@
 namespace orv_test {
 
 // A fresh folder under $TMPDIR (or /tmp), removed with its content.
-class TempDir {
- public:
+struct TempDir {
   TempDir();
   ~TempDir();
   const std::string& path() const { return path_; }
   std::string file(const std::string& name) const { return path_ + "/" + name; }
-
- private:
   std::string path_;
 };
 
 // Redirects file descriptor 2 into a temporary file until text() (whose
 // first call stops the capture) or the destructor.
-class StderrCapture {
- public:
+struct StderrCapture {
   StderrCapture();
   ~StderrCapture() { text(); }
   std::string text();
-
- private:
   int saved_fd_;
   std::string file_, captured_;
 };

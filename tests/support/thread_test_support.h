@@ -25,47 +25,35 @@ namespace orv_test {
 
 // Closed until open(); wait() gives up after a bound, so a broken test fails
 // instead of hanging.
-class Gate {
- public:
-  void open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    cond_.notify_all();
-  }
+struct Gate {
+  std::mutex mutex;
+  std::condition_variable cond;
+  bool is_open = false;
+  void open() { std::lock_guard<std::mutex> lock(mutex); is_open = true, cond.notify_all(); }
   bool wait(std::chrono::milliseconds bound = std::chrono::seconds(20)) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cond_.wait_for(lock, bound, [this] { return open_; });
+    std::unique_lock<std::mutex> lock(mutex);
+    return cond.wait_for(lock, bound, [this] { return is_open; });
   }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cond_;
-  bool open_ = false;
 };
 
 // A task body that shows it runs, then holds its thread until the gate opens.
 struct Blocker {
   Gate gate;
   std::atomic<bool> running{false}, finished{false};
-  std::function<void()> body() {
-    return [this] { running = true, gate.wait(), finished = true; };
-  }
+  std::function<void()> body() { return [this] { running = true, gate.wait(), finished = true; }; }
   bool started() { return wait_until([this] { return running.load(); }); }
 };
 
-class Closure : public orv::Threads::ASRDispatchTaskBase {
- public:
-  explicit Closure(std::function<void()> body) : body_(std::move(body)) {}
-  void execute() override { body_(); }
-
- private:
-  std::function<void()> body_;
+struct Closure : orv::Threads::ASRDispatchTaskBase {
+  explicit Closure(std::function<void()> f) : body(std::move(f)) {}
+  void execute() override { body(); }
+  std::function<void()> body;
 };
 typedef orv::Memory::orv_shared_ptr<orv::Threads::ASRDispatchTaskBase> TaskPtr;
 inline TaskPtr closure(std::function<void()> body) { return TaskPtr(new Closure(std::move(body))); }
 inline orv::Threads::ASRDispatchTaskBase* raw_closure(std::function<void()> body) { return new Closure(std::move(body)); }
 
-struct Tracked {
+struct Tracked {  // an object whose shares are counted
   explicit Tracked(int v = 0) : value(v) {}
   std::atomic<int> value;
 };
