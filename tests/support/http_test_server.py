@@ -106,8 +106,9 @@ def publish(name, text):
 
 
 def upload_update(rid, update=service.STATE.upload_update, **fields):
-    update(rid, **fields)
-    publish("upload-" + rid, service.STATE.upload_record(rid))
+    with LOCK:  # uploads of one id at once would share the ".part" file
+        update(rid, **fields)
+        publish("upload-" + rid, service.STATE.upload_record(rid))
 
 
 def reset(h, query):
