@@ -119,9 +119,7 @@ TEST(Context, OwnQueuesDroppedReceiversLifetimesAndRelease) {
   EXPECT_FALSE(post(o, o, "late"));
 }
 
-std::string failure(const std::string& name) {
-  return "Module loader not registered for module " + name + " make sure you have linked required libraries!";
-}
+std::string failure(const std::string& name) { return "Module loader not registered for module " + name + " make sure you have linked required libraries!"; }
 bool is_loaded(const std::string& name) {
   void* handle = dlopen((ORV_TEST_MODULE_DIR "libVeltoSpeech" + name + ".so").c_str(), RTLD_LAZY | RTLD_NOLOAD);
   if (handle != nullptr) dlclose(handle);

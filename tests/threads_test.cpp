@@ -1,6 +1,7 @@
 // Locks, threads, run loops, the pool, dispatch queues and the two timers.
 #include <pthread.h>
 
+#include <future>
 #include <set>
 
 #include "gtest/gtest.h"
@@ -19,9 +20,7 @@ typedef std::function<void(AppConditionMutex&)> Step;
 
 // A blocked thread has no event to await: give it a moment, then look.
 void give_a_chance() { std::this_thread::sleep_for(milliseconds(50)); }
-void add_one(orv_shared_ptr_base* param) {
-  if (param != nullptr) ++orv_shared_ptr<Tracked>(*param)->value;
-}
+void add_one(orv_shared_ptr_base* param) { if (param != nullptr) ++orv_shared_ptr<Tracked>(*param)->value; }
 
 // Mutexes and guards; the condition word's arithmetic; three waiters of each
 // kind stay blocked on a partial change and all pass on the whole condition;
@@ -210,7 +209,7 @@ TEST(Executors, CancelDropsTheBacklogAndRefusesMore) {
       ASSERT_TRUE(blockers[0].started());
       orv_shared_ptr<Tracked> object(new Tracked(0));
       {
-        NoNewThreads no_threads;  // the pool keeps them pending
+        DefaultStackSize no_new_threads;  // the pool keeps them pending
         for (int i = 0; i < 4; ++i) ASSERT_TRUE(e.submit_param(object));
       }
       std::atomic<bool> returned{false};
@@ -244,6 +243,15 @@ TEST(RunLoops, PrioritiesSyncRunsAndLifetime) {
   EXPECT_TRUE(loop->runTaskSync(closure([&] { order.push_back(loop->runTaskSync(closure([&] { order.push_back("in"); }), 0) ? "out" : "?"); }), 2));
   EXPECT_EQ(order, (std::vector<std::string>{"high1", "high2", "mid", "low1", "low2", "in", "out"}));
   EXPECT_EQ(object->value, 1);
+  // Waiting synchronous runs queued behind a running task: cancel lets each go, not run (false).
+  Blocker held;
+  loop->runTaskAsync(closure(held.body()), 0);
+  ASSERT_TRUE(held.started());
+  auto waiter = [&] { return std::async(std::launch::async, [&] { return loop->runTaskSync(&add_one, &object, 1); }); };
+  std::future<bool> first = waiter(), second = waiter();
+  ASSERT_TRUE(wait_until([&] { AppLock lock(loop->_queue_mutex); return loop->_queues[1].size() == 2; }));
+  loop->cancel(), held.gate.open();
+  EXPECT_TRUE(!first.get() && !second.get() && object->value == 1);
   orv_weak_ptr<AppRunloop> weak(loop);
   loop->stopRunloop();  // the thread keeps its loop until it ends
   loop.releaseManagedPointer();
@@ -251,10 +259,7 @@ TEST(RunLoops, PrioritiesSyncRunsAndLifetime) {
 }
 
 template <class F>
-auto locked(ThreadPool* pool, F f) -> decltype(f()) {
-  AppLock lock(pool->_pool_mutex);
-  return f();
-}
+auto locked(ThreadPool* pool, F f) -> decltype(f()) { AppLock lock(pool->_pool_mutex); return f(); }
 int threads_of(ThreadPool* pool) { return locked(pool, [&] { return static_cast<int>(pool->_thread_count); }); }
 bool all_idle(ThreadPool* pool) { return locked(pool, [&] { return pool->_busy_head == nullptr; }); }
 long tid_of_next_task(ThreadPool* pool, pthread_t* thread = nullptr) {
@@ -328,7 +333,7 @@ TEST(Pool, PendingTasksStopAndLogLines) {
   ASSERT_TRUE(blocker.started());
   std::vector<int> order;  // one thread: no lock needed
   {
-    NoNewThreads no_threads;
+    DefaultStackSize no_new_threads;
     for (int i = 0; i < 3; ++i) pool->runTaskAsync(closure([&, i] { order.push_back(i); }), "orv-never");
   }
   EXPECT_EQ(locked(pool.getPTR(), [&] { return pool->_pending.size() * 10 + pool->_thread_count; }), 31u);

@@ -70,7 +70,6 @@ struct DefaultStackSize {
   ~DefaultStackSize() { pthread_setattr_default_np(&saved), pthread_attr_destroy(&saved); }
   pthread_attr_t saved;
 };
-typedef DefaultStackSize NoNewThreads;
 
 inline long current_tid() { return static_cast<long>(syscall(SYS_gettid)); }
 inline std::string thread_name(long tid) {  // "" once it has gone
