@@ -112,6 +112,7 @@ TEST_F(Streaming, EveryEndingIsReportedOnceInEveryMode) {
   };
   for (size_t i = 0; i < n; ++i) EXPECT_TRUE(ended(i)) << cases[i].path;
   EXPECT_TRUE(wait_until([&] { return server.count("/upload") == 2 && server.count("/fault/stall") == 2; }));
+  EXPECT_TRUE(wait_until([] { return timer_thread_state<orv::Threads::RefreshTimer>() == 0; }));  // ended, no timer left
   EXPECT_FALSE(wait_until([&] {
     return std::any_of(users.begin(), users.end(), [](const User& u) { return u->ends().size() > 1; });
   }, ms(300)));

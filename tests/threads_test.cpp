@@ -389,10 +389,7 @@ using Clock = std::chrono::steady_clock;
 struct Firings : std::mutex {
   std::vector<Clock::time_point> times;
   int count() { std::lock_guard<std::mutex> lock(*this); return static_cast<int>(times.size()); }
-  long ms(int i, Clock::time_point from) {
-    std::lock_guard<std::mutex> lock(*this);
-    return static_cast<long>(std::chrono::duration_cast<milliseconds>(times.at(i) - from).count());
-  }
+  long ms(int i, Clock::time_point from) { std::lock_guard<std::mutex> lock(*this); return (times.at(i) - from) / milliseconds(1); }
 };
 void fired(orv_shared_ptr_base* param) {
   orv_shared_ptr<Firings> f(*param);
