@@ -1,8 +1,9 @@
 # Run by CTest: install (or take ORV_PREFIX, where the packages installed the
 # library), check the tree, build and run two consumers of it (find_package
-# and pkg-config), and, with ORV_DEMO, do what a module author does: build
-# the Echo module alone against it with pkg-config, check that its prepare
-# function is all it exports, and have orv-demo load it.
+# and pkg-config), and, with ORV_DEMO (and ORV_NM, the nm to use), do what
+# a module author does: build the Echo module alone against it with
+# pkg-config, check that its prepare function is all it exports, and have
+# orv-demo load it.
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE result OUTPUT_VARIABLE out ERROR_VARIABLE err)
   if(NOT result EQUAL 0)

@@ -39,4 +39,4 @@ in_root sh -c 'g++ -std=c++17 -I/orv -DORV_DEMO_MODULE_DIR=\"/orv/modules/\" \
   -DORV_DEMO_SERVER_SCRIPT=\"/orv/examples/service/speech_service.py\" /orv/examples/host/orv_demo.cpp \
   $(pkg-config --cflags --libs orv libcurl libcrypto) -o /orv/orv-demo'
 in_root cmake -DORV_PREFIX=/usr -DORV_SOURCE_DIR=/orv -DORV_CONSUMER_SOURCE=/orv/install/consumer \
-  -DORV_WORK_DIR=/tmp/consumers -DORV_CXX=g++ -DORV_DEMO=/orv/orv-demo -P /orv/install/check_install.cmake
+  -DORV_WORK_DIR=/tmp/consumers -DORV_CXX=g++ -DORV_DEMO=/orv/orv-demo -DORV_NM=nm -P /orv/install/check_install.cmake
